@@ -1,0 +1,687 @@
+// Hash map iterated in the order of the bit-reversed hashes of its keys.
+//
+// Vela::HashMap is the map behind most keyed collections. Its iteration order
+// is part of the behaviour (it decides which member is "first" and in which
+// order a backlog is reviewed): members are ordered by bitReverse32(hash(key));
+// members whose 32-bit hashes are equal follow the key's operator< when the
+// key has one, else their insertion order. For keys with operator< the order
+// therefore depends only on the keys present, never on insertion history or
+// table size, and is the same on every run and machine. iterFrom(key) starts
+// an iteration at the place the key has, or would have, in that order.
+//
+// Iterators survive changes to the map. Each remembers the map's modification
+// epoch and its member's key, and finds its place again after a change; ++
+// then continues with the next member after that place. A loop may thus erase
+// its current member (erase(it), or erase(key) followed by ++it) and insert
+// others, growing the table: members inserted ahead of the iterator are
+// visited in the same pass, members inserted behind it are not (a caller that
+// wants them starts again at begin()). Debug builds assert when an iterator
+// whose member was removed is dereferenced.
+//
+// Dereferencing yields a pair of references, so write
+//   for (auto const& [key, value] : map) ...   or   auto [key, value] = *it;
+// (value is writable through a non-const map), or use it.key() / it.value().
+//
+// Layout: a single open-addressing array kept sorted by reversed hash. A
+// member's home slot is given by the top bits of its reversed hash; it sits at
+// or after its home with no empty slot in between (linear probing with ordered
+// insertion and backward-shift deletion). The array ends in a small overflow
+// area instead of wrapping around, so array order is iteration order and
+// iterating is a linear scan. Members are stored inline and are moved when the
+// table shifts or grows, so keys and values should have cheap, non-throwing
+// moves. Arguments to tryEmplace/insertOrAssign may refer into the map.
+#pragma once
+
+#include <algorithm>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <initializer_list>
+#include <iterator>
+#include <memory>
+#include <new>
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+#include "framework/Vela/Exception.h"
+#include "framework/Vela/Hash.h"
+
+namespace Vela {
+
+namespace internal {
+
+template <class K>
+concept LessComparable = requires(K const& a, K const& b) {
+  { a < b } -> std::convertible_to<bool>;
+};
+
+}  // namespace internal
+
+template <class K, class V, class H = Hash<K>, class Eq = std::equal_to<K>>
+class HashMap {
+  struct Member {
+    K key;
+    V value;
+  };
+
+  struct Slot {
+    std::uint32_t rev;   // reversed hash of the member; kNoRev when not full
+    std::uint8_t state;  // kEmpty, kFull or kEnd (the sentinel after the last slot)
+    alignas(Member) unsigned char storage[sizeof(Member)];
+
+    Member& member() noexcept { return *std::launder(reinterpret_cast<Member*>(storage)); }
+    Member const& member() const noexcept { return *std::launder(reinterpret_cast<Member const*>(storage)); }
+  };
+
+  static constexpr std::uint8_t kEmpty = 0;
+  static constexpr std::uint8_t kFull = 1;
+  static constexpr std::uint8_t kEnd = 2;
+  // Empty slots and the sentinel carry the largest reversed hash, which ends
+  // every probe without a separate bounds check.
+  static constexpr std::uint32_t kNoRev = 0xFFFFFFFFu;
+  static constexpr std::size_t kEndIdx = static_cast<std::size_t>(-1);
+  static constexpr std::uint32_t kMinBits = 3;
+  static constexpr bool kOrderedTies = internal::LessComparable<K>;
+  static constexpr bool kTrivialMember = std::is_trivially_copyable_v<Member>;
+
+ public:
+  using key_type = K;
+  using mapped_type = V;
+  using value_type = std::pair<K const, V>;
+  using size_type = std::size_t;
+  using difference_type = std::ptrdiff_t;
+  using hasher = H;
+  using key_equal = Eq;
+
+  template <bool Const>
+  class Iter {
+    using MapPtr = std::conditional_t<Const, HashMap const*, HashMap*>;
+    using ValueRef = std::conditional_t<Const, V const&, V&>;
+
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using difference_type = std::ptrdiff_t;
+    using value_type = std::pair<K const, V>;
+    using reference = std::pair<K const&, ValueRef>;
+    struct pointer {
+      reference ref;
+      reference const* operator->() const noexcept { return &ref; }
+    };
+
+    Iter() = default;
+    template <bool C = Const>
+      requires C
+    Iter(Iter<false> const& o)  // NOLINT(google-explicit-constructor): iterator to const_iterator
+        : map_(o.map_),
+          idx_(o.idx_),
+          epoch_(o.epoch_),
+          past_(o.past_),
+          rev_(o.rev_),
+          rank_(o.rank_),
+          key_(o.key_) {}
+
+    K const& key() const { return slot().member().key; }
+    ValueRef value() const { return slot().member().value; }
+    reference operator*() const {
+      auto& s = slot();
+      return reference(s.member().key, s.member().value);
+    }
+    pointer operator->() const { return pointer{**this}; }
+
+    Iter& operator++() {
+      sync();
+      if (idx_ == kEndIdx) return *this;
+      if (past_) {
+        past_ = false;  // the member after the removed one is already in place
+      } else {
+        idx_ = map_->nextFull(idx_ + 1);
+      }
+      load();
+      return *this;
+    }
+    Iter operator++(int) {
+      Iter old = *this;
+      ++*this;
+      return old;
+    }
+
+    friend bool operator==(Iter const& a, Iter const& b) {
+      a.sync();
+      b.sync();
+      return a.idx_ == b.idx_;
+    }
+
+   private:
+    friend class HashMap;
+    template <bool>
+    friend class Iter;
+
+    Iter(MapPtr map, std::size_t idx) : map_(map), idx_(idx), epoch_(map->epoch_) { load(); }
+
+    // Finds the place again when the map changed since this iterator was set.
+    void sync() const {
+      if (idx_ != kEndIdx && epoch_ != map_->epoch_) map_->reseek(*this);
+    }
+    auto& slot() const {
+      sync();
+#ifndef NDEBUG
+      VELA_ASSERT_TEXT(idx_ != kEndIdx, "dereferenced the end of a HashMap");
+      VELA_ASSERT_TEXT(!past_, "dereferenced a HashMap iterator whose member was removed");
+#endif
+      return map_->slots_[idx_];
+    }
+    // Remembers the member at idx_, to find it again after changes.
+    void load() {
+      if (idx_ == kEndIdx) {
+        key_.reset();
+        return;
+      }
+      auto const& s = map_->slots_[idx_];
+      rev_ = s.rev;
+      key_ = s.member().key;
+      if constexpr (!kOrderedTies) rank_ = map_->rankAt(idx_);
+    }
+
+    MapPtr map_ = nullptr;
+    mutable std::size_t idx_ = kEndIdx;
+    mutable std::uint64_t epoch_ = 0;
+    mutable bool past_ = false;  // the member was removed; idx_ is the member after it
+    std::uint32_t rev_ = 0;
+    std::uint32_t rank_ = 0;  // position among members with the same reversed hash
+    std::optional<K> key_;
+  };
+
+  using iterator = Iter<false>;
+  using const_iterator = Iter<true>;
+
+  HashMap() = default;
+  HashMap(std::initializer_list<std::pair<K, V>> init)
+    requires std::copy_constructible<V>
+  {
+    reserve(init.size());
+    for (auto const& [k, v] : init) insertOrAssign(k, v);
+  }
+  HashMap(HashMap const& o)
+    requires std::copy_constructible<K> && std::copy_constructible<V>
+      : hash_(o.hash_), eq_(o.eq_) {
+    copyFrom(o);
+  }
+  HashMap(HashMap&& o) noexcept
+      : slots_(std::exchange(o.slots_, nullptr)),
+        size_(std::exchange(o.size_, 0)),
+        limit_(std::exchange(o.limit_, 0)),
+        overflow_(std::exchange(o.overflow_, 0)),
+        growAt_(std::exchange(o.growAt_, 0)),
+        firstHint_(std::exchange(o.firstHint_, 0)),
+        reserved_(std::exchange(o.reserved_, 0)),
+        epoch_(o.epoch_ + 1),
+        bits_(std::exchange(o.bits_, 0)),
+        shift_(std::exchange(o.shift_, 32)),
+        hash_(o.hash_),
+        eq_(o.eq_) {
+    ++o.epoch_;
+  }
+  HashMap& operator=(HashMap const& o)
+    requires std::copy_constructible<K> && std::copy_constructible<V>
+  {
+    if (this != &o) {
+      HashMap copy(o);
+      swap(copy);
+    }
+    return *this;
+  }
+  HashMap& operator=(HashMap&& o) noexcept {
+    if (this != &o) {
+      HashMap moved(std::move(o));
+      swap(moved);
+    }
+    return *this;
+  }
+  ~HashMap() { release(); }
+
+  void swap(HashMap& o) noexcept {
+    using std::swap;
+    swap(slots_, o.slots_);
+    swap(size_, o.size_);
+    swap(limit_, o.limit_);
+    swap(overflow_, o.overflow_);
+    swap(growAt_, o.growAt_);
+    swap(firstHint_, o.firstHint_);
+    swap(reserved_, o.reserved_);
+    swap(bits_, o.bits_);
+    swap(shift_, o.shift_);
+    swap(hash_, o.hash_);
+    swap(eq_, o.eq_);
+    // Both maps changed under their iterators.
+    epoch_ = std::max(epoch_, o.epoch_) + 1;
+    o.epoch_ = epoch_;
+  }
+  friend void swap(HashMap& a, HashMap& b) noexcept { a.swap(b); }
+
+  std::size_t size() const noexcept { return size_; }
+  bool empty() const noexcept { return size_ == 0; }
+  // Slots in the table (main and overflow area), for tests and benchmarks.
+  std::size_t capacity() const noexcept { return limit_; }
+
+  void clear() {
+    release();
+    ++epoch_;
+    if (reserved_) reserve(reserved_);
+  }
+
+  // Makes room for n members without growing; the table does not shrink
+  // below that while members are erased.
+  void reserve(std::size_t n) {
+    reserved_ = n;
+    std::uint32_t const bits = bitsFor(n);
+    if (bits > bits_) rebuild(bits, 0);
+  }
+
+  bool contains(K const& k) const { return findSlot(k) != nullptr; }
+
+  V* lookup(K const& k) {
+    Slot* s = findSlot(k);
+    return s ? &s->member().value : nullptr;
+  }
+  V const* lookup(K const& k) const {
+    Slot const* s = findSlot(k);
+    return s ? &s->member().value : nullptr;
+  }
+
+  iterator find(K const& k) {
+    Slot* s = findSlot(k);
+    return s ? iterator(this, static_cast<std::size_t>(s - slots_)) : end();
+  }
+  const_iterator find(K const& k) const {
+    Slot const* s = findSlot(k);
+    return s ? const_iterator(this, static_cast<std::size_t>(s - slots_)) : end();
+  }
+
+  // Inserts V(args...) under k unless k is present; returns the member and
+  // whether it was inserted.
+  template <class... Args>
+  std::pair<iterator, bool> tryEmplace(K const& k, Args&&... args) {
+    auto [idx, inserted] = emplace(k, std::forward<Args>(args)...);
+    return {iterator(this, idx), inserted};
+  }
+
+  // Inserts or overwrites; returns whether k was inserted.
+  template <class M>
+  bool insertOrAssign(K const& k, M&& v) {
+    if (Slot* s = findSlot(k)) {
+      s->member().value = std::forward<M>(v);
+      return false;
+    }
+    emplace(k, std::forward<M>(v));
+    return true;
+  }
+
+  bool erase(K const& k) {
+    Slot* s = findSlot(k);
+    if (!s) return false;
+    eraseAt(static_cast<std::size_t>(s - slots_));
+    return true;
+  }
+  // Erases the member at pos and returns the member after it.
+  iterator erase(const_iterator pos) {
+    pos.sync();
+    VELA_ASSERT_TEXT(pos.map_ == this && pos.idx_ != kEndIdx && !pos.past_,
+                     "HashMap::erase of an iterator without a member");
+    std::size_t const idx = pos.idx_;
+    if (!eraseAt(idx)) return iterator(this, nextFull(idx));
+    // The table was rebuilt smaller: find the place after the erased key.
+    iterator it;
+    it.map_ = this;
+    it.idx_ = 0;
+    it.epoch_ = epoch_ - 1;
+    it.rev_ = pos.rev_;
+    it.rank_ = pos.rank_;
+    it.key_ = std::move(pos.key_);
+    it.sync();
+    it.past_ = false;
+    it.load();
+    return it;
+  }
+  iterator erase(iterator pos) { return erase(const_iterator(pos)); }
+
+  iterator begin() { return size_ ? iterator(this, firstFull()) : end(); }
+  iterator end() { return iterator(); }
+  const_iterator begin() const { return size_ ? const_iterator(this, firstFull()) : end(); }
+  const_iterator end() const { return const_iterator(); }
+  const_iterator cbegin() const { return begin(); }
+  const_iterator cend() const { return end(); }
+
+  // The first member not before k in iteration order: k itself when present,
+  // else the first member whose reversed hash is at least k's.
+  iterator iterFrom(K const& k) { return size_ ? iterator(this, seek(k)) : end(); }
+  const_iterator iterFrom(K const& k) const { return size_ ? const_iterator(this, seek(k)) : end(); }
+
+  friend bool operator==(HashMap const& a, HashMap const& b)
+    requires std::equality_comparable<V>
+  {
+    if (a.size_ != b.size_) return false;
+    for (std::size_t i = a.size_ ? a.firstFull() : a.limit_; i < a.limit_; ++i) {
+      if (a.slots_[i].state != kFull) continue;
+      V const* v = b.lookup(a.slots_[i].member().key);
+      if (!v || !(*v == a.slots_[i].member().value)) return false;
+    }
+    return true;
+  }
+
+ private:
+  std::uint32_t revOf(K const& k) const { return bitReverse32(static_cast<std::uint32_t>(hash_(k))); }
+  std::size_t homeOf(std::uint32_t rev) const { return rev >> shift_; }
+
+  // Smallest table (in bits of the main area) that holds n members.
+  static std::uint32_t bitsFor(std::size_t n) {
+    std::uint32_t bits = kMinBits;
+    while (((std::size_t(1) << bits) * 4) / 5 < n) ++bits;
+    return bits;
+  }
+  static std::size_t defaultOverflow(std::uint32_t bits) {
+    return std::min<std::size_t>(std::size_t(1) << bits, 4 * bits + 8);
+  }
+
+  Slot* findSlot(K const& k) const {
+    if (size_ == 0) return nullptr;
+    std::uint32_t const rev = revOf(k);
+    Slot* s = slots_ + homeOf(rev);
+    while (s->rev < rev) ++s;
+    for (; s->rev == rev && s->state == kFull; ++s) {
+      if (eq_(s->member().key, k)) return s;
+    }
+    return nullptr;
+  }
+
+  struct Place {
+    std::size_t idx;
+    bool found;
+  };
+  // Where k is, or where it would be inserted.
+  Place locate(K const& k, std::uint32_t rev) const {
+    std::size_t i = homeOf(rev);
+    while (slots_[i].rev < rev) ++i;
+    for (; slots_[i].rev == rev && slots_[i].state == kFull; ++i) {
+      K const& other = slots_[i].member().key;
+      if (eq_(other, k)) return {i, true};
+      if constexpr (kOrderedTies) {
+        if (k < other) break;
+      }
+    }
+    return {i, false};
+  }
+
+  // The slot iterFrom(k) starts at (kEndIdx when none follows).
+  std::size_t seek(K const& k) const {
+    std::uint32_t const rev = revOf(k);
+    std::size_t i = homeOf(rev);
+    while (slots_[i].rev < rev) ++i;
+    std::size_t const group = i;
+    for (; slots_[i].rev == rev && slots_[i].state == kFull; ++i) {
+      K const& other = slots_[i].member().key;
+      if (eq_(other, k)) return i;
+      if constexpr (kOrderedTies) {
+        if (k < other) break;
+      }
+    }
+    if constexpr (!kOrderedTies) i = group;
+    return nextFull(i);
+  }
+
+  template <bool C>
+  void reseek(Iter<C> const& it) const {
+    it.epoch_ = epoch_;
+    it.past_ = false;
+    if (size_ == 0) {
+      it.idx_ = kEndIdx;
+      return;
+    }
+    K const& k = *it.key_;
+    std::uint32_t const rev = it.rev_;
+    std::size_t i = homeOf(rev);
+    while (slots_[i].rev < rev) ++i;
+    std::size_t const group = i;
+    for (; slots_[i].rev == rev && slots_[i].state == kFull; ++i) {
+      K const& other = slots_[i].member().key;
+      if (eq_(other, k)) {
+        it.idx_ = i;
+        return;
+      }
+      if constexpr (kOrderedTies) {
+        if (k < other) break;
+      }
+    }
+    // Gone. Without a key order, the member that followed it among equal
+    // hashes has moved up to its rank.
+    if constexpr (!kOrderedTies) i = std::min(i, group + it.rank_);
+    it.idx_ = nextFull(i);
+    it.past_ = it.idx_ != kEndIdx;
+  }
+
+  std::size_t nextFull(std::size_t i) const {
+    while (slots_[i].state == kEmpty) ++i;
+    return slots_[i].state == kFull ? i : kEndIdx;
+  }
+  std::size_t firstFull() const {
+    firstHint_ = nextFull(firstHint_);
+    return firstHint_;
+  }
+  std::uint32_t rankAt(std::size_t i) const {
+    std::uint32_t const rev = slots_[i].rev;
+    std::uint32_t rank = 0;
+    while (i > 0 && slots_[i - 1].rev == rev && slots_[i - 1].state == kFull) {
+      --i;
+      ++rank;
+    }
+    return rank;
+  }
+
+  template <class... Args>
+  static V makeValue(Args&&... args) {
+    if constexpr (sizeof...(Args) == 0) {
+      return V();
+    } else {
+      return V(std::forward<Args>(args)...);
+    }
+  }
+
+  // Returns the slot of k and whether it was inserted.
+  template <class... Args>
+  std::pair<std::size_t, bool> emplace(K const& k, Args&&... args) {
+    std::uint32_t const rev = revOf(k);
+    std::size_t idx = kEndIdx;
+    if (slots_) {
+      Place const p = locate(k, rev);
+      if (p.found) return {p.idx, false};
+      idx = p.idx;
+    }
+    // Built before anything moves: the arguments may refer into this map.
+    Member fresh{K(k), makeValue(std::forward<Args>(args)...)};
+    if (size_ + 1 > growAt_) {
+      rebuild(std::max(bits_ + 1, bitsFor(size_ + 1)), 0);
+      idx = locate(fresh.key, rev).idx;
+    }
+    std::size_t end = idx;
+    while (slots_[end].state == kFull) ++end;
+    while (slots_[end].state == kEnd) {
+      // The run reaches the end of the overflow area.
+      if (size_ * 5 >= (std::size_t(1) << bits_) * 2) {
+        rebuild(bits_ + 1, 0);
+      } else {
+        rebuild(bits_, overflow_ * 2);  // crowded hashes, not a full table
+      }
+      idx = locate(fresh.key, rev).idx;
+      end = idx;
+      while (slots_[end].state == kFull) ++end;
+    }
+    shiftRight(idx, end);
+    ::new (static_cast<void*>(slots_[idx].storage)) Member(std::move(fresh));
+    slots_[idx].rev = rev;
+    slots_[idx].state = kFull;
+    ++size_;
+    ++epoch_;
+    if (idx < firstHint_) firstHint_ = idx;
+    return {idx, true};
+  }
+
+  // Removes the member at idx; returns whether the table was rebuilt.
+  bool eraseAt(std::size_t idx) {
+    std::destroy_at(&slots_[idx].member());
+    std::size_t end = idx + 1;
+    while (slots_[end].state == kFull && homeOf(slots_[end].rev) < end) ++end;
+    shiftLeft(idx, end);
+    slots_[end - 1].rev = kNoRev;
+    slots_[end - 1].state = kEmpty;
+    --size_;
+    ++epoch_;
+    if (bits_ > kMinBits && size_ * 16 < (std::size_t(1) << bits_)) {
+      std::uint32_t const bits = std::max(bitsFor(size_ * 2), bitsFor(reserved_));
+      if (bits < bits_) {
+        rebuild(bits, 0);
+        return true;
+      }
+    }
+    return false;
+  }
+
+  // Moves the members of [from, to) one slot right; slot `to` must be empty.
+  // Leaves slot `from` without a member.
+  void shiftRight(std::size_t from, std::size_t to) {
+    if (from == to) return;
+    if constexpr (kTrivialMember) {
+      std::memmove(static_cast<void*>(slots_ + from + 1), slots_ + from, (to - from) * sizeof(Slot));
+    } else {
+      for (std::size_t i = to; i > from; --i) moveSlot(i - 1, i);
+    }
+  }
+  // Moves the members of [from + 1, to) one slot left; slot `from` must be
+  // without a member. Leaves slot `to - 1` without a member.
+  void shiftLeft(std::size_t from, std::size_t to) {
+    if (to - from <= 1) return;
+    if constexpr (kTrivialMember) {
+      std::memmove(static_cast<void*>(slots_ + from), slots_ + from + 1, (to - from - 1) * sizeof(Slot));
+    } else {
+      for (std::size_t i = from + 1; i < to; ++i) moveSlot(i, i - 1);
+    }
+  }
+  void moveSlot(std::size_t from, std::size_t to) {
+    ::new (static_cast<void*>(slots_[to].storage)) Member(std::move(slots_[from].member()));
+    std::destroy_at(&slots_[from].member());
+    slots_[to].rev = slots_[from].rev;
+    slots_[to].state = kFull;
+  }
+
+  static Slot* allocate(std::size_t n) {
+    Slot* slots = new Slot[n];
+    for (std::size_t i = 0; i < n; ++i) {
+      slots[i].rev = kNoRev;
+      slots[i].state = kEmpty;
+    }
+    slots[n - 1].state = kEnd;
+    return slots;
+  }
+
+  // Rebuilds the table with a main area of 2^bits slots and at least
+  // minOverflow overflow slots. The old array is already in order, so this is
+  // one pass: each member goes to its home or right after the previous one.
+  void rebuild(std::uint32_t bits, std::size_t minOverflow) {
+    std::size_t const main = std::size_t(1) << bits;
+    std::uint32_t const shift = 32 - bits;
+    std::size_t next = 0;
+    for (std::size_t i = 0; i < limit_; ++i) {
+      if (slots_[i].state == kFull) next = std::max<std::size_t>(slots_[i].rev >> shift, next) + 1;
+    }
+    std::size_t overflow = std::max(minOverflow, defaultOverflow(bits));
+    if (next > main) overflow = std::max(overflow, (next - main) * 2);
+    Slot* fresh = allocate(main + overflow + 1);
+    next = 0;
+    std::size_t first = kEndIdx;
+    for (std::size_t i = 0; i < limit_; ++i) {
+      Slot& old = slots_[i];
+      if (old.state != kFull) continue;
+      std::size_t const at = std::max<std::size_t>(old.rev >> shift, next);
+      ::new (static_cast<void*>(fresh[at].storage)) Member(std::move(old.member()));
+      std::destroy_at(&old.member());
+      old.state = kEmpty;
+      fresh[at].rev = old.rev;
+      fresh[at].state = kFull;
+      if (first == kEndIdx) first = at;
+      next = at + 1;
+    }
+    delete[] slots_;
+    slots_ = fresh;
+    bits_ = bits;
+    shift_ = shift;
+    overflow_ = overflow;
+    limit_ = main + overflow;
+    growAt_ = (main * 4) / 5;
+    firstHint_ = first == kEndIdx ? 0 : first;
+    ++epoch_;
+  }
+
+  void copyFrom(HashMap const& o) {
+    if (!o.slots_) return;
+    std::size_t const n = o.limit_ + 1;
+    Slot* slots = allocate(n);
+    std::size_t i = 0;
+    try {
+      for (; i < o.limit_; ++i) {
+        if (o.slots_[i].state != kFull) continue;
+        ::new (static_cast<void*>(slots[i].storage)) Member(o.slots_[i].member());
+        slots[i].rev = o.slots_[i].rev;
+        slots[i].state = kFull;
+      }
+    } catch (...) {
+      for (std::size_t j = 0; j < i; ++j) {
+        if (slots[j].state == kFull) std::destroy_at(&slots[j].member());
+      }
+      delete[] slots;
+      throw;
+    }
+    slots_ = slots;
+    size_ = o.size_;
+    limit_ = o.limit_;
+    overflow_ = o.overflow_;
+    growAt_ = o.growAt_;
+    firstHint_ = o.firstHint_;
+    reserved_ = o.reserved_;
+    bits_ = o.bits_;
+    shift_ = o.shift_;
+  }
+
+  void release() noexcept {
+    if (!slots_) return;
+    if constexpr (!std::is_trivially_destructible_v<Member>) {
+      for (std::size_t i = 0; i < limit_; ++i) {
+        if (slots_[i].state == kFull) std::destroy_at(&slots_[i].member());
+      }
+    }
+    delete[] slots_;
+    slots_ = nullptr;
+    size_ = 0;
+    limit_ = 0;
+    overflow_ = 0;
+    growAt_ = 0;
+    firstHint_ = 0;
+    bits_ = 0;
+    shift_ = 32;
+  }
+
+  Slot* slots_ = nullptr;         // limit_ + 1 slots, the last one the sentinel
+  std::size_t size_ = 0;
+  std::size_t limit_ = 0;         // main area plus overflow area
+  std::size_t overflow_ = 0;
+  std::size_t growAt_ = 0;        // size at which the main area doubles
+  mutable std::size_t firstHint_ = 0;  // no member sits before this slot
+  std::size_t reserved_ = 0;
+  std::uint64_t epoch_ = 0;       // bumped by every change that moves members
+  std::uint32_t bits_ = 0;        // main area is 2^bits_ slots (0: no table)
+  std::uint32_t shift_ = 32;
+  [[no_unique_address]] H hash_;
+  [[no_unique_address]] Eq eq_;
+};
+
+}  // namespace Vela

@@ -1,0 +1,186 @@
+// Entities, their notifying attributes and collections, and reactors.
+#include "framework/Vela/Entity.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+namespace {
+
+class Item : public Vela::Entity {
+ public:
+  explicit Item(int key) : Entity("item" + std::to_string(key)), key_(key) {}
+  int key() const { return key_; }
+
+ private:
+  int key_;
+};
+
+class Box : public Vela::Entity {
+ public:
+  explicit Box(Vela::Name name) : Entity(std::move(name)) {}
+  VELA_ATTRIBUTE(int, size);
+  VELA_VALUE_COLLECTION(int, std::string, label);
+  VELA_ENTITY_COLLECTION(int, Item, item, Item);
+
+ public:
+  Vela::RefCollection<int, Item const> borrowed{"item", "Test::Box::borrowed"};
+};
+
+// Counts every notification of a box.
+class BoxReactor : public Vela::Reactor<Box> {
+ public:
+  std::vector<std::string> seen;
+  std::function<void()> onSize;
+
+ protected:
+  void onNotifier(Box const& box) override {
+    watch(box.sizeChanged(), [this] {
+      seen.push_back("size");
+      if (onSize) onSize();
+    });
+    watch(box.labels().changed(), [this](int const& k) { seen.push_back("label" + std::to_string(k)); });
+    watch(box.items().changed(), [this](int const& k) { seen.push_back("item" + std::to_string(k)); });
+  }
+};
+
+TEST(EntityTest, EqualWriteNotifiesNoOne) {
+  auto box = Vela::make<Box>("b");
+  BoxReactor r;
+  r.notifierIs(box);
+  box->sizeIs(0);
+  box->sizeIs(3);
+  box->sizeIs(3);
+  box->labelIs(1, "a");
+  box->labelIs(1, "a");
+  box->labelIs(1, "b");
+  box->labelDel(2);
+  box->labelDel(1);
+  EXPECT_EQ(r.seen, (std::vector<std::string>{"size", "label1", "label1", "label1"}));
+}
+
+TEST(EntityTest, AbsentKeyReadsAsDefault) {
+  auto box = Vela::make<Box>("b");
+  EXPECT_EQ(box->label(5), "");
+  EXPECT_EQ(box->item(5), nullptr);
+  EXPECT_EQ(box->name(), "b");
+}
+
+TEST(EntityTest, NewMemberCreatesOnceAndNotifiesOnce) {
+  auto box = Vela::make<Box>("b");
+  BoxReactor r;
+  r.notifierIs(box);
+  auto first = box->newItem(4);
+  auto again = box->newItem(4);
+  EXPECT_EQ(first, again);
+  EXPECT_EQ(first->key(), 4);
+  EXPECT_EQ(r.seen, (std::vector<std::string>{"item4"}));
+  box->itemDel(4);
+  EXPECT_EQ(first->refCount(), 2u);  // only ours (first, again) are left
+  EXPECT_EQ(r.seen.size(), 2u);
+}
+
+TEST(EntityTest, DelAllNotifiesEveryKey) {
+  auto box = Vela::make<Box>("b");
+  for (int i = 0; i < 5; ++i) box->labelIs(i, "x");
+  BoxReactor r;
+  r.notifierIs(box);
+  box->labelDelAll();
+  EXPECT_EQ(r.seen.size(), 5u);
+  EXPECT_TRUE(box->labels().empty());
+}
+
+TEST(EntityTest, RefCollectionRefusesNullWithMutatorText) {
+  auto box = Vela::make<Box>("b");
+  try {
+    box->borrowed.set(1, nullptr);
+    FAIL();
+  } catch (Vela::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "null _item parameter to mutator for Test::Box::borrowed not allowed\"");
+  }
+  EXPECT_TRUE(box->borrowed.empty());
+  auto item = Vela::make<Item>(1);
+  box->borrowed.set(1, item);
+  EXPECT_EQ(box->borrowed.get(1), item);
+}
+
+TEST(EntityTest, ReactorRepointedToAnotherNotifierForgetsTheOld) {
+  auto a = Vela::make<Box>("a");
+  auto b = Vela::make<Box>("b");
+  BoxReactor r;
+  r.notifierIs(a);
+  r.notifierIs(b);
+  a->sizeIs(1);
+  b->sizeIs(1);
+  EXPECT_EQ(r.seen.size(), 1u);
+  r.notifierIs(nullptr);
+  b->sizeIs(2);
+  EXPECT_EQ(r.seen.size(), 1u);
+}
+
+TEST(EntityTest, InactiveReactorHearsNothingUntilReactivated) {
+  auto box = Vela::make<Box>("b");
+  BoxReactor r;
+  r.notifierIs(box);
+  r.hasNotificationActiveIs(false);
+  box->sizeIs(1);
+  EXPECT_TRUE(r.seen.empty());
+  r.hasNotificationActiveIs(true);
+  box->sizeIs(2);
+  EXPECT_EQ(r.seen.size(), 1u);
+}
+
+TEST(EntityTest, ReactorDeletedInsideItsOwnHandler) {
+  auto box = Vela::make<Box>("b");
+  auto r = std::make_unique<BoxReactor>();
+  r->notifierIs(box);
+  r->onSize = [&] { r.reset(); };
+  Box* raw = box.get();
+  box = nullptr;  // the reactor holds the last reference now
+  raw->sizeIs(1);  // the handler drops the reactor and with it the box
+  EXPECT_EQ(r, nullptr);
+}
+
+TEST(EntityTest, HandlerChangingTheCollectionItIsToldAbout) {
+  auto box = Vela::make<Box>("b");
+  std::vector<int> seen;
+  auto sub = box->labels().changed().connect([&](int const& k) {
+    seen.push_back(k);
+    if (k < 3) box->labelIs(k + 1, "chained");
+  });
+  box->labelIs(0, "start");
+  EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3}));
+  EXPECT_EQ(box->labels().size(), 4u);
+}
+
+TEST(EntityTest, DirectoryNotifiesPerName) {
+  auto dir = Vela::make<Vela::Dir>("root");
+  std::vector<std::string> seen;
+  auto sub = dir->entries().changed().connect([&](Vela::Name const& n) { seen.push_back(n); });
+  dir->entryIs("b", Vela::make<Item>(2));
+  dir->entryIs("a", Vela::make<Item>(1));
+  EXPECT_EQ(dir->entryCount(), 2u);
+  std::vector<std::string> names;
+  for (auto const& [name, entity] : dir->entries()) names.push_back(name);
+  EXPECT_EQ(names, (std::vector<std::string>{"a", "b"}));
+  EXPECT_TRUE(dir->entryDel("a"));
+  EXPECT_FALSE(dir->entryDel("a"));
+  EXPECT_EQ(seen, (std::vector<std::string>{"b", "a", "a"}));
+  EXPECT_EQ(dir->typeName(), "Vela::Dir");
+}
+
+TEST(EntityTest, PtrCountsAndConvertsToConst) {
+  auto item = Vela::make<Item>(1);
+  EXPECT_EQ(item->refCount(), 1u);
+  Vela::Ptr<Item const> view = item;
+  EXPECT_EQ(item->refCount(), 2u);
+  Vela::Ptr<Vela::Entity const> base = view;
+  EXPECT_EQ(Vela::dynamicPtrCast<Item const>(base), view);
+  EXPECT_EQ(Vela::dynamicPtrCast<Box const>(base), nullptr);
+  view = nullptr;
+  base = nullptr;
+  EXPECT_EQ(item->refCount(), 1u);
+}
+
+}  // namespace

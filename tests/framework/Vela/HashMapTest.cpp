@@ -1,0 +1,450 @@
+// The keyed maps: a contract suite run for HashMap and OrderedMap (including
+// changes made while iterating and a backlog drained from a bookmark), then
+// what only HashMap promises: its bit-reversed hash order.
+#include "framework/Vela/HashMap.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "framework/Vela/OrderedMap.h"
+
+namespace {
+
+// Jenkins one-at-a-time over the 8 bytes, low byte first (the tunnel id hash).
+std::uint32_t oneAtATime(std::uint64_t v) {
+  std::uint32_t h = 0;
+  for (int i = 0; i < 8; ++i) {
+    h += static_cast<std::uint8_t>(v >> (8 * i));
+    h += h << 10;
+    h ^= h >> 6;
+  }
+  h += h << 3;
+  h ^= h >> 11;
+  h += h << 15;
+  return h;
+}
+
+struct Id {
+  std::uint64_t v = 0;
+  std::uint32_t hash() const { return oneAtATime(v); }
+  friend bool operator==(Id, Id) = default;
+  friend auto operator<=>(Id, Id) = default;
+};
+
+// Four keys share each hash, and 0 and 1 hash to all ones, the largest
+// reversed hash: the tie and edge cases of the order.
+struct Crowded {
+  std::uint64_t v = 0;
+  std::uint32_t hash() const { return v < 2 ? 0xFFFFFFFFu : oneAtATime(v / 4); }
+  friend bool operator==(Crowded, Crowded) = default;
+  friend auto operator<=>(Crowded, Crowded) = default;
+};
+
+// Crowded keys without operator<: equal hashes keep their insertion order.
+struct Unordered {
+  std::uint64_t v = 0;
+  std::uint32_t hash() const { return oneAtATime(v / 4); }
+  friend bool operator==(Unordered, Unordered) = default;
+};
+
+template <class K>
+std::uint32_t revOf(K const& k) {
+  return Vela::bitReverse32(Vela::hashOf(k));
+}
+
+// The iteration order each map kind promises, as a comparison.
+template <class Map>
+struct Model;
+template <class K, class V>
+struct Model<Vela::HashMap<K, V>> {
+  bool operator()(K const& a, K const& b) const {
+    return revOf(a) != revOf(b) ? revOf(a) < revOf(b) : a < b;
+  }
+};
+template <class K, class V>
+struct Model<Vela::OrderedMap<K, V>> {
+  bool operator()(K const& a, K const& b) const { return a < b; }
+};
+
+template <class Map>
+std::vector<typename Map::key_type> keysOf(Map const& m) {
+  std::vector<typename Map::key_type> keys;
+  for (auto const& [k, v] : m) keys.push_back(k);
+  return keys;
+}
+
+template <class Map>
+class MapContractTest : public testing::Test {
+ protected:
+  using K = typename Map::key_type;
+  using Reference = std::map<K, int, Model<Map>>;
+  static K key(std::uint64_t v) { return K{v}; }
+};
+
+using MapKinds = testing::Types<Vela::HashMap<Id, int>, Vela::HashMap<Crowded, int>, Vela::OrderedMap<Id, int>>;
+TYPED_TEST_SUITE(MapContractTest, MapKinds);
+
+TYPED_TEST(MapContractTest, InsertLookupErase) {
+  TypeParam m;
+  auto const k = TestFixture::key;
+  EXPECT_TRUE(m.empty());
+  EXPECT_EQ(m.lookup(k(1)), nullptr);
+  EXPECT_EQ(m.begin(), m.end());
+
+  auto [it, inserted] = m.tryEmplace(k(1), 10);
+  EXPECT_TRUE(inserted);
+  EXPECT_EQ(it.key(), k(1));
+  EXPECT_EQ(it.value(), 10);
+  EXPECT_FALSE(m.tryEmplace(k(1), 11).second);
+  EXPECT_EQ(*m.lookup(k(1)), 10);
+
+  EXPECT_TRUE(m.insertOrAssign(k(2), 20));
+  EXPECT_FALSE(m.insertOrAssign(k(2), 21));
+  EXPECT_EQ(*m.lookup(k(2)), 21);
+  m.find(k(2)).value() = 22;
+  EXPECT_EQ(*m.lookup(k(2)), 22);
+  EXPECT_EQ(m.find(k(3)), m.end());
+  EXPECT_EQ(m.size(), 2u);
+
+  // An argument that refers into the map survives the insertion moving members.
+  for (std::uint64_t i = 10; i < 200; ++i) m.insertOrAssign(k(i), *m.lookup(k(2)));
+  EXPECT_EQ(*m.lookup(k(199)), 22);
+
+  EXPECT_TRUE(m.erase(k(1)));
+  EXPECT_FALSE(m.erase(k(1)));
+  EXPECT_FALSE(m.contains(k(1)));
+  EXPECT_TRUE(m.contains(k(2)));
+
+  TypeParam copy = m;
+  EXPECT_EQ(copy, m);
+  copy.insertOrAssign(k(2), 0);
+  EXPECT_NE(copy, m);
+  m.clear();
+  EXPECT_TRUE(m.empty());
+  EXPECT_EQ(m.begin(), m.end());
+  EXPECT_EQ(copy.size(), 191u);
+}
+
+TYPED_TEST(MapContractTest, HoldsMoveOnlyValues) {
+  using K = typename TestFixture::K;
+  using Map = std::conditional_t<std::is_same_v<TypeParam, Vela::OrderedMap<K, int>>,
+                                 Vela::OrderedMap<K, std::unique_ptr<std::string>>,
+                                 Vela::HashMap<K, std::unique_ptr<std::string>>>;
+  Map m;
+  for (std::uint64_t i = 0; i < 100; ++i) m.tryEmplace(K{i}, std::make_unique<std::string>(std::to_string(i)));
+  m.tryEmplace(K{100});
+  EXPECT_EQ(*m.lookup(K{100}), nullptr);
+  for (std::uint64_t i = 0; i < 100; i += 2) m.erase(K{i});
+  Map moved = std::move(m);
+  EXPECT_EQ(moved.size(), 51u);
+  for (auto const& [k, v] : moved) {
+    if (k.v < 100) {
+      EXPECT_EQ(*v, std::to_string(k.v));
+    }
+  }
+}
+
+TYPED_TEST(MapContractTest, IterFromPresentErasedAndAbsentKeys) {
+  TypeParam m;
+  typename TestFixture::Reference ref;
+  for (std::uint64_t i = 0; i < 400; i += 2) {
+    m.insertOrAssign(TestFixture::key(i), 0);
+    ref[TestFixture::key(i)] = 0;
+  }
+  for (std::uint64_t i = 0; i < 400; i += 10) {
+    m.erase(TestFixture::key(i));
+    ref.erase(TestFixture::key(i));
+  }
+  // Present (even, not a multiple of 10), erased (multiples of 10) and never
+  // present (odd) keys all start at the first member not before them.
+  for (std::uint64_t i = 0; i < 400; ++i) {
+    auto const k = TestFixture::key(i);
+    auto it = m.iterFrom(k);
+    auto expected = ref.lower_bound(k);
+    if (expected == ref.end()) {
+      EXPECT_EQ(it, m.end()) << i;
+    } else {
+      ASSERT_NE(it, m.end()) << i;
+      EXPECT_EQ(it.key(), expected->first) << i;
+    }
+  }
+}
+
+TYPED_TEST(MapContractTest, ErasingTheCurrentMemberVisitsEachMemberOnce) {
+  for (bool byKey : {false, true}) {
+    TypeParam m;
+    for (std::uint64_t i = 0; i < 3000; ++i) m.insertOrAssign(TestFixture::key(i), 0);
+    std::multiset<std::uint64_t> visited;
+    for (auto it = m.begin(); it != m.end();) {
+      auto const k = it.key();
+      visited.insert(k.v);
+      if (k.v % 3 == 0) {
+        ++it;
+      } else if (byKey) {
+        m.erase(k);  // the table shrinks along the way
+        ++it;
+      } else {
+        it = m.erase(it);
+      }
+    }
+    EXPECT_EQ(visited.size(), 3000u) << byKey;
+    EXPECT_EQ(std::set<std::uint64_t>(visited.begin(), visited.end()).size(), 3000u) << byKey;
+    EXPECT_EQ(m.size(), 1000u) << byKey;
+  }
+}
+
+TYPED_TEST(MapContractTest, InsertingWhileIteratingVisitsOnlyMembersAhead) {
+  using K = typename TestFixture::K;
+  Model<TypeParam> const before;
+  TypeParam m;
+  for (std::uint64_t i = 0; i < 200; ++i) m.insertOrAssign(TestFixture::key(i), 0);
+  std::multiset<std::uint64_t> visited;
+  std::vector<K> ahead;
+  std::uint64_t next = 1000;
+  for (auto it = m.begin(); it != m.end(); ++it) {
+    visited.insert(it.key().v);
+    if (next < 5000) {
+      // Forty new members per step: the table grows many times over.
+      K const current = it.key();
+      for (int n = 0; n < 40; ++n, ++next) {
+        K const k = TestFixture::key(next);
+        m.insertOrAssign(k, 1);
+        if (before(current, k)) ahead.push_back(k);
+      }
+    }
+  }
+  for (std::uint64_t i = 0; i < 200; ++i) EXPECT_EQ(visited.count(i), 1u) << i;
+  std::size_t newVisited = 0;
+  for (auto v : visited) newVisited += v >= 1000;
+  EXPECT_EQ(newVisited, ahead.size());
+  for (K const& k : ahead) EXPECT_EQ(visited.count(k.v), 1u) << k.v;
+  EXPECT_EQ(m.size(), 4200u);
+}
+
+// A backlog is drained in runs of a few members: each run starts at the
+// bookmark, reviews and removes members (reviewing may queue new ones,
+// anywhere in the order), wraps around at the end, and stops early leaving a
+// bookmark at the next member. Between runs others add and remove members.
+TYPED_TEST(MapContractTest, BacklogDrainedFromBookmarkReviewsEveryMemberOnce) {
+  using K = typename TestFixture::K;
+  std::mt19937_64 rng(7);
+  TypeParam backlog;
+  std::set<std::uint64_t> queued, dropped;
+  std::uint64_t nextId = 1;
+  auto queue = [&](std::uint64_t n) {
+    for (std::uint64_t i = 0; i < n; ++i, ++nextId) {
+      backlog.insertOrAssign(TestFixture::key(nextId), 1);
+      queued.insert(nextId);
+    }
+  };
+  queue(3000);
+  std::multiset<std::uint64_t> reviewed;
+  K bookmark{};
+  int runs = 0;
+  for (; !backlog.empty() && runs < 10000; ++runs) {
+    auto it = backlog.iterFrom(bookmark);
+    for (int budget = 97; budget > 0; --budget) {
+      if (it == backlog.end()) {
+        if (backlog.empty()) break;
+        it = backlog.begin();
+      }
+      K const id = it.key();
+      reviewed.insert(id.v);
+      if (id.v % 5 == 0 && nextId < 6000) queue(2);  // reviewing queues dependents
+      backlog.erase(id);
+      ++it;
+    }
+    bookmark = it == backlog.end() ? K{} : it.key();
+    if (runs % 4 == 0) {
+      if (runs < 40) queue(20);
+      // Someone else removes the bookmarked member before the next run.
+      if (backlog.erase(bookmark)) dropped.insert(bookmark.v);
+      std::uint64_t const victim = rng() % nextId;
+      if (backlog.erase(TestFixture::key(victim))) dropped.insert(victim);
+    }
+  }
+  EXPECT_TRUE(backlog.empty());
+  EXPECT_LT(runs, 10000);
+  EXPECT_EQ(reviewed.size() + dropped.size(), queued.size());
+  for (std::uint64_t id : queued) EXPECT_EQ(reviewed.count(id) + dropped.count(id), 1u) << id;
+}
+
+TYPED_TEST(MapContractTest, RandomOperationsMatchAModel) {
+  using K = typename TestFixture::K;
+  std::uint32_t const seed = testing::UnitTest::GetInstance()->random_seed() + 20240611u;
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::mt19937 rng(seed);
+  TypeParam m;
+  typename TestFixture::Reference ref;
+  auto key = [&] { return TestFixture::key(rng() % 2000); };
+  for (int step = 0; step < 20000; ++step) {
+    K const k = key();
+    switch (rng() % 10) {
+      case 0:
+      case 1:
+      case 2: {
+        int const v = static_cast<int>(rng() % 100);
+        ASSERT_EQ(m.insertOrAssign(k, v), !ref.contains(k));
+        ref[k] = v;
+        break;
+      }
+      case 3: {
+        bool const inserted = m.tryEmplace(k, 7).second;
+        ASSERT_EQ(inserted, ref.try_emplace(k, 7).second);
+        break;
+      }
+      case 4:
+      case 5:
+        ASSERT_EQ(m.erase(k), ref.erase(k) == 1);
+        break;
+      case 6: {
+        auto const* v = m.lookup(k);
+        auto r = ref.find(k);
+        ASSERT_EQ(v != nullptr, r != ref.end());
+        if (v) {
+          ASSERT_EQ(*v, r->second);
+        }
+        break;
+      }
+      case 7: {
+        // Erase through iterFrom and check the member after.
+        auto it = m.iterFrom(k);
+        auto r = ref.lower_bound(k);
+        ASSERT_EQ(it == m.end(), r == ref.end());
+        if (r == ref.end()) break;
+        ASSERT_EQ(it.key(), r->first);
+        it = m.erase(it);
+        r = ref.erase(r);
+        ASSERT_EQ(it == m.end(), r == ref.end());
+        if (r != ref.end()) {
+          ASSERT_EQ(it.key(), r->first);
+        }
+        break;
+      }
+      case 8:
+        if constexpr (requires { m.reserve(1); }) {
+          if (rng() % 50 == 0) m.reserve(rng() % 4000);
+        }
+        if (rng() % 200 == 0) {
+          m.clear();
+          ref.clear();
+        }
+        break;
+      case 9: {
+        ASSERT_EQ(m.size(), ref.size());
+        std::vector<K> expected;
+        for (auto const& [rk, rv] : ref) expected.push_back(rk);
+        ASSERT_EQ(keysOf(m), expected);
+        break;
+      }
+    }
+  }
+}
+
+TEST(HashMapTest, OrderIsByReversedHashWhateverTheHistory) {
+  std::mt19937_64 rng(42);
+  std::vector<Id> keys;
+  for (int i = 0; i < 20000; ++i) keys.push_back(Id{rng() & 0xF0000FFFFFFFull});
+
+  Vela::HashMap<Id, int> inOrder;
+  for (Id k : keys) inOrder.insertOrAssign(k, 0);
+  std::vector<Id> expected = keysOf(inOrder);
+  std::sort(expected.begin(), expected.end(), Model<Vela::HashMap<Id, int>>());
+  EXPECT_EQ(keysOf(inOrder), expected);
+
+  // Shuffled, into a reserved table, with other members coming and going.
+  Vela::HashMap<Id, int> shuffled;
+  shuffled.reserve(100000);
+  std::shuffle(keys.begin(), keys.end(), rng);
+  for (Id k : keys) {
+    shuffled.insertOrAssign(k, 0);
+    shuffled.insertOrAssign(Id{k.v ^ 1}, 0);
+  }
+  for (Id k : keys) {
+    if (!inOrder.contains(Id{k.v ^ 1})) shuffled.erase(Id{k.v ^ 1});
+  }
+  EXPECT_GT(shuffled.capacity(), inOrder.capacity());
+  EXPECT_EQ(keysOf(shuffled), expected);
+}
+
+TEST(HashMapTest, EqualHashesWithoutKeyOrderKeepInsertionOrder) {
+  Vela::HashMap<Unordered, int> m;
+  for (std::uint64_t i : {3, 1, 2, 0, 7, 4}) m.insertOrAssign(Unordered{i}, 0);
+  std::vector<std::uint64_t> order;
+  for (auto const& [k, v] : m) order.push_back(k.v);
+  // 0..3 share a hash, 4..7 share another.
+  std::vector<std::uint64_t> const first{3, 1, 2, 0}, second{7, 4};
+  bool const lowFirst = revOf(Unordered{0}) < revOf(Unordered{4});
+  std::vector<std::uint64_t> expected = lowFirst ? first : second;
+  expected.insert(expected.end(), (lowFirst ? second : first).begin(), (lowFirst ? second : first).end());
+  EXPECT_EQ(order, expected);
+  // Absent keys start at the first member of their hash.
+  EXPECT_EQ(m.iterFrom(Unordered{5}).key(), Unordered{7});
+
+  // Erasing the current member among equal hashes keeps the place.
+  for (std::uint64_t i = 8; i < 2000; ++i) m.insertOrAssign(Unordered{i}, 0);
+  std::multiset<std::uint64_t> visited;
+  for (auto it = m.begin(); it != m.end();) {
+    std::uint64_t const v = it.key().v;
+    visited.insert(v);
+    if (v % 2) {
+      m.erase(Unordered{v});
+      ++it;
+    } else {
+      it = v % 4 ? m.erase(it) : std::next(it);
+    }
+  }
+  EXPECT_EQ(visited.size(), 2000u);
+  EXPECT_EQ(std::set<std::uint64_t>(visited.begin(), visited.end()).size(), 2000u);
+  EXPECT_EQ(m.size(), 500u);
+}
+
+TEST(HashMapTest, SingleHashStillWorks) {
+  // Every key in one run from the last home slot (and with the reversed hash
+  // that also marks empty slots): the overflow area grows, not the table.
+  struct Same {
+    std::uint64_t v;
+    std::uint32_t hash() const { return 0xFFFFFFFFu; }
+    bool operator==(Same const&) const = default;
+    auto operator<=>(Same const&) const = default;
+  };
+  Vela::HashMap<Same, int> m;
+  for (std::uint64_t i = 0; i < 500; ++i) m.insertOrAssign(Same{499 - i}, 0);
+  EXPECT_LT(m.capacity(), 4096u);
+  std::uint64_t expected = 0;
+  for (auto const& [k, v] : m) EXPECT_EQ(k.v, expected++);
+  for (std::uint64_t i = 0; i < 500; i += 2) m.erase(Same{i});
+  EXPECT_EQ(m.size(), 250u);
+  EXPECT_EQ(m.begin().key().v, 1u);
+}
+
+#ifndef NDEBUG
+TEST(HashMapTest, DereferencingAnIteratorWhoseMemberWasRemovedAsserts) {
+  Vela::ScopedAssertionCatcher catcher;
+  Vela::HashMap<Id, int> m{{Id{1}, 1}, {Id{2}, 2}};
+  auto it = m.find(Id{1});
+  m.erase(Id{1});
+  try {
+    (void)it.value();
+    ADD_FAILURE() << "no assertion";
+  } catch (Vela::AssertionFailure const& e) {
+    EXPECT_EQ(e.condition(), "dereferenced a HashMap iterator whose member was removed");
+  }
+  ++it;  // moving on is fine
+  if (revOf(Id{2}) > revOf(Id{1})) {
+    EXPECT_EQ(it.key(), Id{2});
+  } else {
+    EXPECT_EQ(it, m.end());
+  }
+}
+#endif
+
+}  // namespace
