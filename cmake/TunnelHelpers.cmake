@@ -96,6 +96,19 @@ function(tunnel_add_executable target)
   endif()
 endfunction()
 
+# Sets <out> to the names of the sub-folders of <dir> that have a
+# CMakeLists.txt. The glob is re-checked on every build, so a folder that gets
+# its CMakeLists.txt later reconfigures existing build trees by itself.
+function(tunnel_subdirectories_with_lists out dir)
+  file(GLOB lists CONFIGURE_DEPENDS RELATIVE "${dir}" "${dir}/*/CMakeLists.txt")
+  set(names)
+  foreach(list IN LISTS lists)
+    get_filename_component(name "${list}" DIRECTORY)
+    list(APPEND names "${name}")
+  endforeach()
+  set(${out} "${names}" PARENT_SCOPE)
+endfunction()
+
 # Installs every header under the given folders into include/tunnel/,
 # keeping the paths, so installed code includes "framework/Vela/Ptr.h" as the
 # sources do. Globbed at configure time and re-checked on every build.

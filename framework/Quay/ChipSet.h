@@ -26,7 +26,8 @@ class ChipSet {
  public:
   static constexpr std::uint32_t minChip = 0;
   static constexpr std::uint32_t maxChip = 63;
-  static constexpr char const* rangeText = "ChipSet::chip < ChipSet::minChip or > ChipSet::maxChip not allowed";
+  static constexpr char const* rangeText =
+      "ChipSet::chip < ChipSet::minChip or > ChipSet::maxChip not allowed";
 
   constexpr ChipSet() = default;
   constexpr explicit ChipSet(std::uint64_t bits) : bits_(bits) {}

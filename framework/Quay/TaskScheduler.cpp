@@ -103,6 +103,7 @@ void TaskScheduler::runTask(TimerTask& task) {
 }
 
 std::size_t TaskScheduler::runUntilIdle() {
+  Hold self(this);
   std::uint64_t const before = stepCount_;
   runUntil({});
   return static_cast<std::size_t>(stepCount_ - before);

@@ -16,7 +16,8 @@
 // runs until nothing is posted or scheduled at all, letting the clock move to
 // the next due time whenever nothing is due (a ManualClock jumps, the system
 // clock sleeps); runUntil(done) stops as soon as done() holds; stop(), called
-// from inside a step, makes the running loop return after that step.
+// from inside a step, makes the running loop return after that step. Steps
+// do not drive the loop themselves.
 //
 // Cooperative yielding: a task that works through a long backlog asks
 // taskShouldYield() between items and returns soon after it says yes. By

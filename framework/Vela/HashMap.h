@@ -22,14 +22,17 @@
 //   for (auto const& [key, value] : map) ...   or   auto [key, value] = *it;
 // (value is writable through a non-const map), or use it.key() / it.value().
 //
-// Layout: a single open-addressing array kept sorted by reversed hash. A
-// member's home slot is given by the top bits of its reversed hash; it sits at
-// or after its home with no empty slot in between (linear probing with ordered
-// insertion and backward-shift deletion). The array ends in a small overflow
-// area instead of wrapping around, so array order is iteration order and
-// iterating is a linear scan. Members are stored inline and are moved when the
-// table shifts or grows, so keys and values should have cheap, non-throwing
-// moves. Arguments to tryEmplace/insertOrAssign may refer into the map.
+// Layout: an open-addressing table kept sorted by reversed hash. A member's
+// home slot is given by the top bits of its reversed hash; it sits at or after
+// its home with no empty slot in between (linear probing with ordered
+// insertion and backward-shift deletion). The table ends in a small overflow
+// area instead of wrapping around, so slot order is iteration order and
+// iterating is a linear scan. Each slot has three parallel parts: the reversed
+// hash (4 bytes, probed by lookups, so a miss never touches member storage), a
+// state byte (scanned by iteration) and the member, stored inline. Members are
+// moved when the table shifts or grows, so keys and values should have cheap,
+// non-throwing moves. Arguments to tryEmplace/insertOrAssign may refer into
+// the map.
 #pragma once
 
 #include <algorithm>
@@ -67,20 +70,17 @@ class HashMap {
     V value;
   };
 
-  struct Slot {
-    std::uint32_t rev;   // reversed hash of the member; kNoRev when not full
-    std::uint8_t state;  // kEmpty, kFull or kEnd (the sentinel after the last slot)
-    alignas(Member) unsigned char storage[sizeof(Member)];
-
-    Member& member() noexcept { return *std::launder(reinterpret_cast<Member*>(storage)); }
-    Member const& member() const noexcept { return *std::launder(reinterpret_cast<Member const*>(storage)); }
+  struct Storage {
+    alignas(Member) unsigned char bytes[sizeof(Member)];
   };
 
+  // Slot states.
   static constexpr std::uint8_t kEmpty = 0;
   static constexpr std::uint8_t kFull = 1;
-  static constexpr std::uint8_t kEnd = 2;
+  static constexpr std::uint8_t kEnd = 2;  // the sentinel after the last slot
   // Empty slots and the sentinel carry the largest reversed hash, which ends
-  // every probe without a separate bounds check.
+  // every probe without a separate bounds check (a member may carry it too,
+  // so only then the state decides).
   static constexpr std::uint32_t kNoRev = 0xFFFFFFFFu;
   static constexpr std::size_t kEndIdx = static_cast<std::size_t>(-1);
   static constexpr std::uint32_t kMinBits = 3;
@@ -123,17 +123,17 @@ class HashMap {
           rank_(o.rank_),
           key_(o.key_) {}
 
-    K const& key() const { return slot().member().key; }
-    ValueRef value() const { return slot().member().value; }
+    K const& key() const { return member().key; }
+    ValueRef value() const { return member().value; }
     reference operator*() const {
-      auto& s = slot();
-      return reference(s.member().key, s.member().value);
+      auto& m = member();
+      return reference(m.key, m.value);
     }
     pointer operator->() const { return pointer{**this}; }
 
     Iter& operator++() {
       sync();
-      if (idx_ == kEndIdx) return *this;
+      if (!key_) return *this;
       if (past_) {
         past_ = false;  // the member after the removed one is already in place
       } else {
@@ -162,16 +162,18 @@ class HashMap {
     Iter(MapPtr map, std::size_t idx) : map_(map), idx_(idx), epoch_(map->epoch_) { load(); }
 
     // Finds the place again when the map changed since this iterator was set.
+    // (An iterator past a removed member keeps that member's key, so that it
+    // still sees members inserted ahead of it later.)
     void sync() const {
-      if (idx_ != kEndIdx && epoch_ != map_->epoch_) map_->reseek(*this);
+      if (key_ && epoch_ != map_->epoch_) map_->reseek(*this);
     }
-    auto& slot() const {
+    auto& member() const {
       sync();
 #ifndef NDEBUG
-      VELA_ASSERT_TEXT(idx_ != kEndIdx, "dereferenced the end of a HashMap");
       VELA_ASSERT_TEXT(!past_, "dereferenced a HashMap iterator whose member was removed");
+      VELA_ASSERT_TEXT(idx_ != kEndIdx, "dereferenced the end of a HashMap");
 #endif
-      return map_->slots_[idx_];
+      return map_->member(idx_);
     }
     // Remembers the member at idx_, to find it again after changes.
     void load() {
@@ -179,9 +181,8 @@ class HashMap {
         key_.reset();
         return;
       }
-      auto const& s = map_->slots_[idx_];
-      rev_ = s.rev;
-      key_ = s.member().key;
+      rev_ = map_->revs_[idx_];
+      key_ = map_->member(idx_).key;
       if constexpr (!kOrderedTies) rank_ = map_->rankAt(idx_);
     }
 
@@ -191,7 +192,7 @@ class HashMap {
     mutable bool past_ = false;  // the member was removed; idx_ is the member after it
     std::uint32_t rev_ = 0;
     std::uint32_t rank_ = 0;  // position among members with the same reversed hash
-    std::optional<K> key_;
+    std::optional<K> key_;    // empty at the end (not past a removed member)
   };
 
   using iterator = Iter<false>;
@@ -209,19 +210,9 @@ class HashMap {
       : hash_(o.hash_), eq_(o.eq_) {
     copyFrom(o);
   }
-  HashMap(HashMap&& o) noexcept
-      : slots_(std::exchange(o.slots_, nullptr)),
-        size_(std::exchange(o.size_, 0)),
-        limit_(std::exchange(o.limit_, 0)),
-        overflow_(std::exchange(o.overflow_, 0)),
-        growAt_(std::exchange(o.growAt_, 0)),
-        firstHint_(std::exchange(o.firstHint_, 0)),
-        reserved_(std::exchange(o.reserved_, 0)),
-        epoch_(o.epoch_ + 1),
-        bits_(std::exchange(o.bits_, 0)),
-        shift_(std::exchange(o.shift_, 32)),
-        hash_(o.hash_),
-        eq_(o.eq_) {
+  HashMap(HashMap&& o) noexcept : hash_(o.hash_), eq_(o.eq_) {
+    steal(o);
+    epoch_ = o.epoch_ + 1;
     ++o.epoch_;
   }
   HashMap& operator=(HashMap const& o)
@@ -244,7 +235,10 @@ class HashMap {
 
   void swap(HashMap& o) noexcept {
     using std::swap;
-    swap(slots_, o.slots_);
+    swap(block_, o.block_);
+    swap(members_, o.members_);
+    swap(revs_, o.revs_);
+    swap(states_, o.states_);
     swap(size_, o.size_);
     swap(limit_, o.limit_);
     swap(overflow_, o.overflow_);
@@ -276,28 +270,29 @@ class HashMap {
   // below that while members are erased.
   void reserve(std::size_t n) {
     reserved_ = n;
+    if (n == 0) return;
     std::uint32_t const bits = bitsFor(n);
     if (bits > bits_) rebuild(bits, 0);
   }
 
-  bool contains(K const& k) const { return findSlot(k) != nullptr; }
+  bool contains(K const& k) const { return findIdx(k) != kEndIdx; }
 
   V* lookup(K const& k) {
-    Slot* s = findSlot(k);
-    return s ? &s->member().value : nullptr;
+    std::size_t const i = findIdx(k);
+    return i == kEndIdx ? nullptr : &member(i).value;
   }
   V const* lookup(K const& k) const {
-    Slot const* s = findSlot(k);
-    return s ? &s->member().value : nullptr;
+    std::size_t const i = findIdx(k);
+    return i == kEndIdx ? nullptr : &member(i).value;
   }
 
   iterator find(K const& k) {
-    Slot* s = findSlot(k);
-    return s ? iterator(this, static_cast<std::size_t>(s - slots_)) : end();
+    std::size_t const i = findIdx(k);
+    return i == kEndIdx ? end() : iterator(this, i);
   }
   const_iterator find(K const& k) const {
-    Slot const* s = findSlot(k);
-    return s ? const_iterator(this, static_cast<std::size_t>(s - slots_)) : end();
+    std::size_t const i = findIdx(k);
+    return i == kEndIdx ? end() : const_iterator(this, i);
   }
 
   // Inserts V(args...) under k unless k is present; returns the member and
@@ -311,8 +306,8 @@ class HashMap {
   // Inserts or overwrites; returns whether k was inserted.
   template <class M>
   bool insertOrAssign(K const& k, M&& v) {
-    if (Slot* s = findSlot(k)) {
-      s->member().value = std::forward<M>(v);
+    if (std::size_t const i = findIdx(k); i != kEndIdx) {
+      member(i).value = std::forward<M>(v);
       return false;
     }
     emplace(k, std::forward<M>(v));
@@ -320,9 +315,9 @@ class HashMap {
   }
 
   bool erase(K const& k) {
-    Slot* s = findSlot(k);
-    if (!s) return false;
-    eraseAt(static_cast<std::size_t>(s - slots_));
+    std::size_t const i = findIdx(k);
+    if (i == kEndIdx) return false;
+    eraseAt(i);
     return true;
   }
   // Erases the member at pos and returns the member after it.
@@ -363,17 +358,23 @@ class HashMap {
     requires std::equality_comparable<V>
   {
     if (a.size_ != b.size_) return false;
-    for (std::size_t i = a.size_ ? a.firstFull() : a.limit_; i < a.limit_; ++i) {
-      if (a.slots_[i].state != kFull) continue;
-      V const* v = b.lookup(a.slots_[i].member().key);
-      if (!v || !(*v == a.slots_[i].member().value)) return false;
+    for (std::size_t i = 0; i < a.limit_; ++i) {
+      if (a.states_[i] != kFull) continue;
+      V const* v = b.lookup(a.member(i).key);
+      if (!v || !(*v == a.member(i).value)) return false;
     }
     return true;
   }
 
  private:
+  Member& member(std::size_t i) const noexcept { return *std::launder(reinterpret_cast<Member*>(members_[i].bytes)); }
+
   std::uint32_t revOf(K const& k) const { return bitReverse32(static_cast<std::uint32_t>(hash_(k))); }
   std::size_t homeOf(std::uint32_t rev) const { return rev >> shift_; }
+  // Whether slot i holds a member whose reversed hash is rev.
+  bool holds(std::size_t i, std::uint32_t rev) const {
+    return revs_[i] == rev && (rev != kNoRev || states_[i] == kFull);
+  }
 
   // Smallest table (in bits of the main area) that holds n members.
   static std::uint32_t bitsFor(std::size_t n) {
@@ -385,15 +386,15 @@ class HashMap {
     return std::min<std::size_t>(std::size_t(1) << bits, 4 * bits + 8);
   }
 
-  Slot* findSlot(K const& k) const {
-    if (size_ == 0) return nullptr;
+  std::size_t findIdx(K const& k) const {
+    if (size_ == 0) return kEndIdx;
     std::uint32_t const rev = revOf(k);
-    Slot* s = slots_ + homeOf(rev);
-    while (s->rev < rev) ++s;
-    for (; s->rev == rev && s->state == kFull; ++s) {
-      if (eq_(s->member().key, k)) return s;
+    std::size_t i = homeOf(rev);
+    while (revs_[i] < rev) ++i;
+    for (; holds(i, rev); ++i) {
+      if (eq_(member(i).key, k)) return i;
     }
-    return nullptr;
+    return kEndIdx;
   }
 
   struct Place {
@@ -403,9 +404,9 @@ class HashMap {
   // Where k is, or where it would be inserted.
   Place locate(K const& k, std::uint32_t rev) const {
     std::size_t i = homeOf(rev);
-    while (slots_[i].rev < rev) ++i;
-    for (; slots_[i].rev == rev && slots_[i].state == kFull; ++i) {
-      K const& other = slots_[i].member().key;
+    while (revs_[i] < rev) ++i;
+    for (; holds(i, rev); ++i) {
+      K const& other = member(i).key;
       if (eq_(other, k)) return {i, true};
       if constexpr (kOrderedTies) {
         if (k < other) break;
@@ -418,10 +419,10 @@ class HashMap {
   std::size_t seek(K const& k) const {
     std::uint32_t const rev = revOf(k);
     std::size_t i = homeOf(rev);
-    while (slots_[i].rev < rev) ++i;
+    while (revs_[i] < rev) ++i;
     std::size_t const group = i;
-    for (; slots_[i].rev == rev && slots_[i].state == kFull; ++i) {
-      K const& other = slots_[i].member().key;
+    for (; holds(i, rev); ++i) {
+      K const& other = member(i).key;
       if (eq_(other, k)) return i;
       if constexpr (kOrderedTies) {
         if (k < other) break;
@@ -437,15 +438,16 @@ class HashMap {
     it.past_ = false;
     if (size_ == 0) {
       it.idx_ = kEndIdx;
+      it.past_ = true;
       return;
     }
     K const& k = *it.key_;
     std::uint32_t const rev = it.rev_;
     std::size_t i = homeOf(rev);
-    while (slots_[i].rev < rev) ++i;
+    while (revs_[i] < rev) ++i;
     std::size_t const group = i;
-    for (; slots_[i].rev == rev && slots_[i].state == kFull; ++i) {
-      K const& other = slots_[i].member().key;
+    for (; holds(i, rev); ++i) {
+      K const& other = member(i).key;
       if (eq_(other, k)) {
         it.idx_ = i;
         return;
@@ -458,21 +460,21 @@ class HashMap {
     // hashes has moved up to its rank.
     if constexpr (!kOrderedTies) i = std::min(i, group + it.rank_);
     it.idx_ = nextFull(i);
-    it.past_ = it.idx_ != kEndIdx;
+    it.past_ = true;
   }
 
   std::size_t nextFull(std::size_t i) const {
-    while (slots_[i].state == kEmpty) ++i;
-    return slots_[i].state == kFull ? i : kEndIdx;
+    while (states_[i] == kEmpty) ++i;
+    return states_[i] == kFull ? i : kEndIdx;
   }
   std::size_t firstFull() const {
     firstHint_ = nextFull(firstHint_);
     return firstHint_;
   }
   std::uint32_t rankAt(std::size_t i) const {
-    std::uint32_t const rev = slots_[i].rev;
+    std::uint32_t const rev = revs_[i];
     std::uint32_t rank = 0;
-    while (i > 0 && slots_[i - 1].rev == rev && slots_[i - 1].state == kFull) {
+    while (i > 0 && holds(i - 1, rev)) {
       --i;
       ++rank;
     }
@@ -493,7 +495,7 @@ class HashMap {
   std::pair<std::size_t, bool> emplace(K const& k, Args&&... args) {
     std::uint32_t const rev = revOf(k);
     std::size_t idx = kEndIdx;
-    if (slots_) {
+    if (block_) {
       Place const p = locate(k, rev);
       if (p.found) return {p.idx, false};
       idx = p.idx;
@@ -505,8 +507,8 @@ class HashMap {
       idx = locate(fresh.key, rev).idx;
     }
     std::size_t end = idx;
-    while (slots_[end].state == kFull) ++end;
-    while (slots_[end].state == kEnd) {
+    while (states_[end] == kFull) ++end;
+    while (states_[end] == kEnd) {
       // The run reaches the end of the overflow area.
       if (size_ * 5 >= (std::size_t(1) << bits_) * 2) {
         rebuild(bits_ + 1, 0);
@@ -515,12 +517,12 @@ class HashMap {
       }
       idx = locate(fresh.key, rev).idx;
       end = idx;
-      while (slots_[end].state == kFull) ++end;
+      while (states_[end] == kFull) ++end;
     }
     shiftRight(idx, end);
-    ::new (static_cast<void*>(slots_[idx].storage)) Member(std::move(fresh));
-    slots_[idx].rev = rev;
-    slots_[idx].state = kFull;
+    ::new (static_cast<void*>(members_[idx].bytes)) Member(std::move(fresh));
+    revs_[idx] = rev;
+    states_[idx] = kFull;
     ++size_;
     ++epoch_;
     if (idx < firstHint_) firstHint_ = idx;
@@ -529,12 +531,12 @@ class HashMap {
 
   // Removes the member at idx; returns whether the table was rebuilt.
   bool eraseAt(std::size_t idx) {
-    std::destroy_at(&slots_[idx].member());
+    std::destroy_at(&member(idx));
     std::size_t end = idx + 1;
-    while (slots_[end].state == kFull && homeOf(slots_[end].rev) < end) ++end;
+    while (states_[end] == kFull && homeOf(revs_[end]) < end) ++end;
     shiftLeft(idx, end);
-    slots_[end - 1].rev = kNoRev;
-    slots_[end - 1].state = kEmpty;
+    revs_[end - 1] = kNoRev;
+    states_[end - 1] = kEmpty;
     --size_;
     ++epoch_;
     if (bits_ > kMinBits && size_ * 16 < (std::size_t(1) << bits_)) {
@@ -551,68 +553,84 @@ class HashMap {
   // Leaves slot `from` without a member.
   void shiftRight(std::size_t from, std::size_t to) {
     if (from == to) return;
+    std::memmove(revs_ + from + 1, revs_ + from, (to - from) * sizeof(std::uint32_t));
+    states_[to] = kFull;
     if constexpr (kTrivialMember) {
-      std::memmove(static_cast<void*>(slots_ + from + 1), slots_ + from, (to - from) * sizeof(Slot));
+      std::memmove(static_cast<void*>(members_ + from + 1), members_ + from, (to - from) * sizeof(Storage));
     } else {
-      for (std::size_t i = to; i > from; --i) moveSlot(i - 1, i);
+      for (std::size_t i = to; i > from; --i) moveMember(i - 1, i);
     }
   }
   // Moves the members of [from + 1, to) one slot left; slot `from` must be
   // without a member. Leaves slot `to - 1` without a member.
   void shiftLeft(std::size_t from, std::size_t to) {
     if (to - from <= 1) return;
+    std::memmove(revs_ + from, revs_ + from + 1, (to - from - 1) * sizeof(std::uint32_t));
     if constexpr (kTrivialMember) {
-      std::memmove(static_cast<void*>(slots_ + from), slots_ + from + 1, (to - from - 1) * sizeof(Slot));
+      std::memmove(static_cast<void*>(members_ + from), members_ + from + 1, (to - from - 1) * sizeof(Storage));
     } else {
-      for (std::size_t i = from + 1; i < to; ++i) moveSlot(i, i - 1);
+      for (std::size_t i = from + 1; i < to; ++i) moveMember(i, i - 1);
     }
   }
-  void moveSlot(std::size_t from, std::size_t to) {
-    ::new (static_cast<void*>(slots_[to].storage)) Member(std::move(slots_[from].member()));
-    std::destroy_at(&slots_[from].member());
-    slots_[to].rev = slots_[from].rev;
-    slots_[to].state = kFull;
+  void moveMember(std::size_t from, std::size_t to) {
+    ::new (static_cast<void*>(members_[to].bytes)) Member(std::move(member(from)));
+    std::destroy_at(&member(from));
   }
 
-  static Slot* allocate(std::size_t n) {
-    Slot* slots = new Slot[n];
-    for (std::size_t i = 0; i < n; ++i) {
-      slots[i].rev = kNoRev;
-      slots[i].state = kEmpty;
-    }
-    slots[n - 1].state = kEnd;
-    return slots;
+  // The three parts of n slots in one block: members, then reversed hashes,
+  // then states. The last slot is the sentinel.
+  struct Table {
+    void* block;
+    Storage* members;
+    std::uint32_t* revs;
+    std::uint8_t* states;
+  };
+  static constexpr std::size_t kBlockAlign = std::max(alignof(Storage), alignof(std::uint32_t));
+  static Table allocate(std::size_t n) {
+    std::size_t const revsAt = (n * sizeof(Storage) + alignof(std::uint32_t) - 1) & ~(alignof(std::uint32_t) - 1);
+    std::size_t const statesAt = revsAt + n * sizeof(std::uint32_t);
+    void* block = ::operator new(statesAt + n, std::align_val_t(kBlockAlign));
+    auto* bytes = static_cast<unsigned char*>(block);
+    Table t{block, reinterpret_cast<Storage*>(bytes), reinterpret_cast<std::uint32_t*>(bytes + revsAt),
+            bytes + statesAt};
+    std::fill_n(t.revs, n, kNoRev);
+    std::memset(t.states, kEmpty, n);
+    t.states[n - 1] = kEnd;
+    return t;
   }
+  static void deallocate(void* block) { ::operator delete(block, std::align_val_t(kBlockAlign)); }
 
   // Rebuilds the table with a main area of 2^bits slots and at least
-  // minOverflow overflow slots. The old array is already in order, so this is
+  // minOverflow overflow slots. The old table is already in order, so this is
   // one pass: each member goes to its home or right after the previous one.
   void rebuild(std::uint32_t bits, std::size_t minOverflow) {
     std::size_t const main = std::size_t(1) << bits;
     std::uint32_t const shift = 32 - bits;
     std::size_t next = 0;
     for (std::size_t i = 0; i < limit_; ++i) {
-      if (slots_[i].state == kFull) next = std::max<std::size_t>(slots_[i].rev >> shift, next) + 1;
+      if (states_[i] == kFull) next = std::max<std::size_t>(revs_[i] >> shift, next) + 1;
     }
     std::size_t overflow = std::max(minOverflow, defaultOverflow(bits));
     if (next > main) overflow = std::max(overflow, (next - main) * 2);
-    Slot* fresh = allocate(main + overflow + 1);
+    Table const fresh = allocate(main + overflow + 1);
     next = 0;
     std::size_t first = kEndIdx;
     for (std::size_t i = 0; i < limit_; ++i) {
-      Slot& old = slots_[i];
-      if (old.state != kFull) continue;
-      std::size_t const at = std::max<std::size_t>(old.rev >> shift, next);
-      ::new (static_cast<void*>(fresh[at].storage)) Member(std::move(old.member()));
-      std::destroy_at(&old.member());
-      old.state = kEmpty;
-      fresh[at].rev = old.rev;
-      fresh[at].state = kFull;
+      if (states_[i] != kFull) continue;
+      std::uint32_t const rev = revs_[i];
+      std::size_t const at = std::max<std::size_t>(rev >> shift, next);
+      ::new (static_cast<void*>(fresh.members[at].bytes)) Member(std::move(member(i)));
+      std::destroy_at(&member(i));
+      fresh.revs[at] = rev;
+      fresh.states[at] = kFull;
       if (first == kEndIdx) first = at;
       next = at + 1;
     }
-    delete[] slots_;
-    slots_ = fresh;
+    if (block_) deallocate(block_);
+    block_ = fresh.block;
+    members_ = fresh.members;
+    revs_ = fresh.revs;
+    states_ = fresh.states;
     bits_ = bits;
     shift_ = shift;
     overflow_ = overflow;
@@ -623,25 +641,27 @@ class HashMap {
   }
 
   void copyFrom(HashMap const& o) {
-    if (!o.slots_) return;
-    std::size_t const n = o.limit_ + 1;
-    Slot* slots = allocate(n);
+    if (!o.block_) return;
+    Table const t = allocate(o.limit_ + 1);
     std::size_t i = 0;
     try {
       for (; i < o.limit_; ++i) {
-        if (o.slots_[i].state != kFull) continue;
-        ::new (static_cast<void*>(slots[i].storage)) Member(o.slots_[i].member());
-        slots[i].rev = o.slots_[i].rev;
-        slots[i].state = kFull;
+        if (o.states_[i] != kFull) continue;
+        ::new (static_cast<void*>(t.members[i].bytes)) Member(o.member(i));
+        t.revs[i] = o.revs_[i];
+        t.states[i] = kFull;
       }
     } catch (...) {
       for (std::size_t j = 0; j < i; ++j) {
-        if (slots[j].state == kFull) std::destroy_at(&slots[j].member());
+        if (t.states[j] == kFull) std::destroy_at(std::launder(reinterpret_cast<Member*>(t.members[j].bytes)));
       }
-      delete[] slots;
+      deallocate(t.block);
       throw;
     }
-    slots_ = slots;
+    block_ = t.block;
+    members_ = t.members;
+    revs_ = t.revs;
+    states_ = t.states;
     size_ = o.size_;
     limit_ = o.limit_;
     overflow_ = o.overflow_;
@@ -652,15 +672,33 @@ class HashMap {
     shift_ = o.shift_;
   }
 
+  void steal(HashMap& o) noexcept {
+    block_ = std::exchange(o.block_, nullptr);
+    members_ = std::exchange(o.members_, nullptr);
+    revs_ = std::exchange(o.revs_, nullptr);
+    states_ = std::exchange(o.states_, nullptr);
+    size_ = std::exchange(o.size_, 0);
+    limit_ = std::exchange(o.limit_, 0);
+    overflow_ = std::exchange(o.overflow_, 0);
+    growAt_ = std::exchange(o.growAt_, 0);
+    firstHint_ = std::exchange(o.firstHint_, 0);
+    reserved_ = std::exchange(o.reserved_, 0);
+    bits_ = std::exchange(o.bits_, 0);
+    shift_ = std::exchange(o.shift_, 32);
+  }
+
   void release() noexcept {
-    if (!slots_) return;
+    if (!block_) return;
     if constexpr (!std::is_trivially_destructible_v<Member>) {
       for (std::size_t i = 0; i < limit_; ++i) {
-        if (slots_[i].state == kFull) std::destroy_at(&slots_[i].member());
+        if (states_[i] == kFull) std::destroy_at(&member(i));
       }
     }
-    delete[] slots_;
-    slots_ = nullptr;
+    deallocate(block_);
+    block_ = nullptr;
+    members_ = nullptr;
+    revs_ = nullptr;
+    states_ = nullptr;
     size_ = 0;
     limit_ = 0;
     overflow_ = 0;
@@ -670,15 +708,18 @@ class HashMap {
     shift_ = 32;
   }
 
-  Slot* slots_ = nullptr;         // limit_ + 1 slots, the last one the sentinel
+  void* block_ = nullptr;              // the table: limit_ + 1 slots, the last one the sentinel
+  Storage* members_ = nullptr;
+  std::uint32_t* revs_ = nullptr;      // reversed hash per slot, kNoRev when empty
+  std::uint8_t* states_ = nullptr;     // kEmpty, kFull, kEnd
   std::size_t size_ = 0;
-  std::size_t limit_ = 0;         // main area plus overflow area
+  std::size_t limit_ = 0;              // main area plus overflow area
   std::size_t overflow_ = 0;
-  std::size_t growAt_ = 0;        // size at which the main area doubles
+  std::size_t growAt_ = 0;             // size at which the main area doubles
   mutable std::size_t firstHint_ = 0;  // no member sits before this slot
   std::size_t reserved_ = 0;
-  std::uint64_t epoch_ = 0;       // bumped by every change that moves members
-  std::uint32_t bits_ = 0;        // main area is 2^bits_ slots (0: no table)
+  std::uint64_t epoch_ = 0;            // bumped by every change that moves members
+  std::uint32_t bits_ = 0;             // main area is 2^bits_ slots (0: no table)
   std::uint32_t shift_ = 32;
   [[no_unique_address]] H hash_;
   [[no_unique_address]] Eq eq_;

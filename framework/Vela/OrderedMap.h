@@ -85,9 +85,9 @@ class OrderedMap {
     }
 
     friend bool operator==(Iter const& a, Iter const& b) {
-      a.sync();
-      b.sync();
-      if (!a.key_ || !b.key_) return !a.key_ && !b.key_;
+      bool const aEnd = a.atEnd();
+      bool const bEnd = b.atEnd();
+      if (aEnd || bEnd) return aEnd == bEnd;
       return a.it_ == b.it_;
     }
 
@@ -98,22 +98,24 @@ class OrderedMap {
 
     Iter(MapPtr map, TreeIt it) : map_(map), it_(it), epoch_(map->epoch_) { load(); }
 
+    // (An iterator past a removed member keeps that member's key, so that it
+    // still sees members inserted ahead of it later.)
     void sync() const {
       if (!key_ || epoch_ == map_->epoch_) return;
       epoch_ = map_->epoch_;
       auto& tree = map_->tree_;
       it_ = tree.lower_bound(*key_);
       past_ = it_ == tree.end() || tree.key_comp()(*key_, it_->first);
-      if (it_ == tree.end()) {
-        past_ = false;
-        key_.reset();
-      }
+    }
+    bool atEnd() const {
+      sync();
+      return !key_ || it_ == map_->tree_.end();
     }
     auto& entry() const {
       sync();
 #ifndef NDEBUG
-      VELA_ASSERT_TEXT(key_.has_value(), "dereferenced the end of an OrderedMap");
       VELA_ASSERT_TEXT(!past_, "dereferenced an OrderedMap iterator whose member was removed");
+      VELA_ASSERT_TEXT(key_.has_value(), "dereferenced the end of an OrderedMap");
 #endif
       return *it_;
     }
@@ -129,7 +131,7 @@ class OrderedMap {
     mutable TreeIt it_{};
     mutable std::uint64_t epoch_ = 0;
     mutable bool past_ = false;  // the member was removed; it_ is the member after it
-    mutable std::optional<K> key_;  // empty at the end
+    std::optional<K> key_;  // empty at the end (not past a removed member)
   };
 
   using iterator = Iter<false>;

@@ -1,13 +1,12 @@
 // Chip sets: membership bounds, the hexadecimal text form and its parse,
 // ordering, and a hash that agrees with equality.
-#include "framework/Quay/ChipSet.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "framework/Quay/ChipSet.h"
 #include "framework/Vela/Value.h"
 
 namespace {
@@ -56,8 +55,8 @@ TEST(ChipSetTest, TextFormIsLowerCaseHexAndParsesBack) {
 }
 
 TEST(ChipSetTest, OrderFollowsTheMaskAndHashAgreesWithEquality) {
-  std::vector<ChipSet> const sets{ChipSet(0), ChipSet(1), ChipSet(2), ChipSet(3), ChipSet(1ull << 63),
-                                  ChipSet(~0ull)};
+  std::vector<ChipSet> const sets{ChipSet(0), ChipSet(1),          ChipSet(2),
+                                  ChipSet(3), ChipSet(1ull << 63), ChipSet(~0ull)};
   for (std::size_t i = 0; i < sets.size(); ++i) {
     for (std::size_t j = 0; j < sets.size(); ++j) {
       EXPECT_EQ(sets[i] < sets[j], i < j);

@@ -1,11 +1,11 @@
 // Dump output: the indent helper against the "%*c" idiom of dump formats,
 // and the two destinations (collected string, stream).
-#include "framework/Quay/DumpContext.h"
-
 #include <gtest/gtest.h>
 
 #include <sstream>
 #include <string>
+
+#include "framework/Quay/DumpContext.h"
 
 namespace {
 

@@ -2,8 +2,6 @@
 // time), delays on a hand-driven clock, the yield policy, tasks that change
 // their own scheduling from inside their handler, and a model test of many
 // tasks. Time only moves when a test moves it.
-#include "framework/Quay/TaskScheduler.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,6 +13,7 @@
 #include <vector>
 
 #include "framework/Quay/Clock.h"
+#include "framework/Quay/TaskScheduler.h"
 #include "framework/Quay/TimerTask.h"
 #include "framework/Vela/Exception.h"
 
@@ -54,6 +53,7 @@ TEST_F(TaskSchedulerTest, PostedCallbacksRunInOrderOnePerStepBeforeDueTasks) {
 
 TEST_F(TaskSchedulerTest, DueTasksRunByPriorityThenDueTimeThenSchedulingOrder) {
   auto low = newTask("low", TaskPriority::lowPriority);
+  auto late = newTask("late");
   auto early = newTask("early");
   auto first = newTask("first");
   auto second = newTask("second");
@@ -61,19 +61,21 @@ TEST_F(TaskSchedulerTest, DueTasksRunByPriorityThenDueTimeThenSchedulingOrder) {
   auto future = newTask("future", TaskPriority::urgentPriority);
 
   low->scheduleTask();
+  late->scheduleTaskLowestDelay(0.75);
+  clock->advance(0.5);
   early->scheduleTask();
-  clock->advance(1.0);
+  clock->advance(0.5);
   first->scheduleTask();
   second->scheduleTask();
   high->scheduleTask();
   future->scheduleTaskLowestDelay(5.0);
   // Asked again later, `early` keeps its due time and its place.
   early->scheduleTask();
-  EXPECT_EQ(*early->taskDueTime(), 100.0);
+  EXPECT_EQ(*early->taskDueTime(), 100.5);
 
   while (scheduler->runOne()) {
   }
-  EXPECT_EQ(log, (std::vector<std::string>{"high", "early", "first", "second", "low"}));
+  EXPECT_EQ(log, (std::vector<std::string>{"high", "early", "late", "first", "second", "low"}));
   EXPECT_TRUE(future->taskScheduled());
   EXPECT_TRUE(scheduler->pendingWork());
   EXPECT_EQ(clock->now(), 101.0);
@@ -301,13 +303,20 @@ TEST_F(TaskSchedulerTest, DroppingATaskUnschedulesItAlsoFromInsideItsHandler) {
 }
 
 TEST_F(TaskSchedulerTest, ACallbackMayDropTheLastReferenceToTheScheduler) {
-  Quay::TaskScheduler* raw = scheduler.get();
-  raw->post([this] { scheduler = nullptr; });
-  raw->post([this] { log.push_back("second"); });
-  // The loop holds the scheduler until it returns.
-  EXPECT_EQ(raw->runUntilIdle(), 2u);
-  EXPECT_EQ(scheduler, nullptr);
-  EXPECT_EQ(log, (std::vector<std::string>{"second"}));
+  // Each loop holds the scheduler until it returns.
+  for (bool idle : {true, false}) {
+    Quay::TaskScheduler* raw = scheduler.get();
+    raw->post([this] { scheduler = nullptr; });
+    raw->post([this] { log.push_back("second"); });
+    if (idle) {
+      EXPECT_EQ(raw->runUntilIdle(), 2u);
+    } else {
+      EXPECT_TRUE(raw->runUntil([&] { return log.size() == 2; }));
+    }
+    EXPECT_EQ(scheduler, nullptr);
+    scheduler = Vela::make<Quay::TaskScheduler>(clock);
+  }
+  EXPECT_EQ(log, (std::vector<std::string>{"second", "second"}));
 }
 
 TEST_F(TaskSchedulerTest, AThrowingHandlerLeavesTheTaskUsable) {

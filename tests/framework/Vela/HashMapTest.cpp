@@ -219,6 +219,7 @@ TYPED_TEST(MapContractTest, InsertingWhileIteratingVisitsOnlyMembersAhead) {
         m.insertOrAssign(k, 1);
         if (before(current, k)) ahead.push_back(k);
       }
+      EXPECT_EQ(it.key(), current);  // still at its member, wherever that moved
     }
   }
   for (std::uint64_t i = 0; i < 200; ++i) EXPECT_EQ(visited.count(i), 1u) << i;
@@ -390,7 +391,7 @@ TEST(HashMapTest, EqualHashesWithoutKeyOrderKeepInsertionOrder) {
   EXPECT_EQ(m.iterFrom(Unordered{5}).key(), Unordered{7});
 
   // Erasing the current member among equal hashes keeps the place.
-  for (std::uint64_t i = 8; i < 2000; ++i) m.insertOrAssign(Unordered{i}, 0);
+  for (std::uint64_t i = 0; i < 2000; ++i) m.insertOrAssign(Unordered{i}, 0);
   std::multiset<std::uint64_t> visited;
   for (auto it = m.begin(); it != m.end();) {
     std::uint64_t const v = it.key().v;
@@ -418,7 +419,7 @@ TEST(HashMapTest, SingleHashStillWorks) {
   };
   Vela::HashMap<Same, int> m;
   for (std::uint64_t i = 0; i < 500; ++i) m.insertOrAssign(Same{499 - i}, 0);
-  EXPECT_LT(m.capacity(), 4096u);
+  EXPECT_LE(m.capacity(), 2048u);  // a main area of 1024 slots is enough for 500 members
   std::uint64_t expected = 0;
   for (auto const& [k, v] : m) EXPECT_EQ(k.v, expected++);
   for (std::uint64_t i = 0; i < 500; i += 2) m.erase(Same{i});

@@ -1,0 +1,350 @@
+// A set of values that is itself a value: the via sets of tunnel table and
+// tunnel FIB entries.
+//
+// Vela::ValueSet<K> is a set keyed by K (conceptually a HashMap<K, bool> whose
+// value is always true). It is a field of value types, so it is copyable and
+// has equality and a hash of its own:
+//  - equality is set equality: the same number of members and every member
+//    of one present in the other, whatever the insertion order;
+//  - hash() does not depend on the order of the members (a sum of the mixed
+//    member hashes), so equal sets hash alike;
+//  - inside the textual form of a value it prints as None (the members are
+//    deliberately not shown) and reads back empty.
+// Iteration yields the members in the bit-reversed order of their hashes,
+// ties broken as Vela::HashMap breaks them (key order when K has operator<,
+// else insertion order): the order a HashMap<K, bool> of the same members
+// would give.
+//
+// Most sets hold one to four members, while an empty HashMap table already
+// costs seventeen slots. So a set of up to kSmallMax members keeps them in a
+// small array, sorted in iteration order, and only a larger set moves into a
+// HashMap<K, bool>; it moves back when it shrinks to half that. The set itself
+// is 16 bytes (one pointer and two counters), an empty set allocates nothing,
+// and a set of n <= 8 members one array of n to 8 keys. Iterators are for
+// reading only: any change to the set invalidates them.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <iterator>
+#include <memory>
+#include <utility>
+
+#include "framework/Vela/Hash.h"
+#include "framework/Vela/HashMap.h"
+#include "framework/Vela/Value.h"
+
+namespace Vela {
+
+template <class K, class H = Hash<K>, class Eq = std::equal_to<K>>
+class ValueSet {
+ public:
+  using key_type = K;
+  using value_type = K;
+  using size_type = std::size_t;
+  using Map = HashMap<K, bool, H, Eq>;
+
+  // The largest set kept in the small array.
+  static constexpr std::uint32_t kSmallMax = 8;
+
+  class const_iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using difference_type = std::ptrdiff_t;
+    using value_type = K;
+    using reference = K const&;
+    using pointer = K const*;
+
+    const_iterator() = default;
+
+    K const& key() const { return large_ ? it_.key() : *p_; }
+    // Members of a set are always true.
+    bool value() const { return true; }
+    K const& operator*() const { return key(); }
+    K const* operator->() const { return &key(); }
+    const_iterator& operator++() {
+      if (large_) {
+        ++it_;
+      } else {
+        ++p_;
+      }
+      return *this;
+    }
+    const_iterator operator++(int) {
+      const_iterator old = *this;
+      ++*this;
+      return old;
+    }
+    friend bool operator==(const_iterator const& a, const_iterator const& b) {
+      return a.large_ ? a.it_ == b.it_ : a.p_ == b.p_;
+    }
+
+   private:
+    friend class ValueSet;
+    explicit const_iterator(K const* p) : p_(p) {}
+    explicit const_iterator(typename Map::const_iterator it) : it_(std::move(it)), large_(true) {}
+
+    K const* p_ = nullptr;
+    typename Map::const_iterator it_;
+    bool large_ = false;
+  };
+  using iterator = const_iterator;
+
+  ValueSet() noexcept = default;
+  ValueSet(std::initializer_list<K> init) {
+    for (K const& k : init) insert(k);
+  }
+  ValueSet(ValueSet const& o) { copyFrom(o); }
+  ValueSet(ValueSet&& o) noexcept
+      : rep_(std::exchange(o.rep_, nullptr)), size_(std::exchange(o.size_, 0)), cap_(std::exchange(o.cap_, 0)) {}
+  ValueSet& operator=(ValueSet const& o) {
+    if (this != &o) {
+      ValueSet copy(o);
+      swap(copy);
+    }
+    return *this;
+  }
+  ValueSet& operator=(ValueSet&& o) noexcept {
+    if (this != &o) {
+      ValueSet moved(std::move(o));
+      swap(moved);
+    }
+    return *this;
+  }
+  ~ValueSet() { release(); }
+
+  void swap(ValueSet& o) noexcept {
+    std::swap(rep_, o.rep_);
+    std::swap(size_, o.size_);
+    std::swap(cap_, o.cap_);
+  }
+  friend void swap(ValueSet& a, ValueSet& b) noexcept { a.swap(b); }
+
+  std::size_t size() const noexcept { return size_; }
+  bool empty() const noexcept { return size_ == 0; }
+
+  bool contains(K const& k) const {
+    if (isLarge()) return map()->contains(k);
+    return findSmall(k) != nullptr;
+  }
+
+  // Adds k; returns whether it was absent.
+  bool insert(K const& k) {
+    if (isLarge()) {
+      if (!map()->tryEmplace(k, true).second) return false;
+      ++size_;
+      return true;
+    }
+    if (findSmall(k)) return false;
+    if (size_ == kSmallMax) {
+      toLarge();
+      map()->tryEmplace(k, true);
+      ++size_;
+      return true;
+    }
+    insertSmall(k);
+    return true;
+  }
+
+  // Removes k; returns whether it was present.
+  bool erase(K const& k) {
+    if (isLarge()) {
+      if (!map()->erase(k)) return false;
+      --size_;
+      if (size_ <= kSmallMax / 2) toSmall();
+      return true;
+    }
+    K const* found = findSmall(k);
+    if (!found) return false;
+    K* items = small();
+    std::size_t const i = static_cast<std::size_t>(found - items);
+    std::move(items + i + 1, items + size_, items + i);
+    std::destroy_at(items + size_ - 1);
+    --size_;
+    if (size_ == 0) release();
+    return true;
+  }
+
+  void clear() noexcept { release(); }
+
+  const_iterator begin() const {
+    if (isLarge()) return const_iterator(std::as_const(*map()).begin());
+    return const_iterator(small());
+  }
+  const_iterator end() const {
+    if (isLarge()) return const_iterator(std::as_const(*map()).end());
+    return const_iterator(small() + size_);
+  }
+
+  // Order-independent: equal sets hash alike whatever their history.
+  std::uint32_t hash() const {
+    std::uint32_t h = mix32(static_cast<std::uint32_t>(size_));
+    for (K const& k : *this) h += mix32(static_cast<std::uint32_t>(H()(k)) ^ 0x5bd1e995u);
+    return h;
+  }
+
+  // Set equality.
+  friend bool operator==(ValueSet const& a, ValueSet const& b) {
+    if (a.size_ != b.size_) return false;
+    if (!a.isLarge() && !b.isLarge()) {
+      // Both arrays are in iteration order, which depends only on the members
+      // for keys with a consistent order: the common case needs one pass.
+      Eq eq;
+      K const* x = a.small();
+      K const* y = b.small();
+      std::size_t i = 0;
+      while (i < a.size_ && eq(x[i], y[i])) ++i;
+      if (i == a.size_) return true;
+    }
+    for (K const& k : a) {
+      if (!b.contains(k)) return false;
+    }
+    return true;
+  }
+
+ private:
+  static constexpr std::uint32_t kLarge = 0xFFFFFFFFu;
+  static constexpr bool kOrderedTies = internal::LessComparable<K>;
+
+  bool isLarge() const noexcept { return cap_ == kLarge; }
+  K* small() const noexcept { return static_cast<K*>(rep_); }
+  Map* map() const noexcept { return static_cast<Map*>(rep_); }
+  static std::uint32_t revOf(K const& k) { return bitReverse32(static_cast<std::uint32_t>(H()(k))); }
+
+  K const* findSmall(K const& k) const {
+    Eq eq;
+    K const* items = small();
+    for (std::uint32_t i = 0; i < size_; ++i) {
+      if (eq(items[i], k)) return items + i;
+    }
+    return nullptr;
+  }
+
+  // Inserts k (absent) into the array at its place in iteration order.
+  void insertSmall(K const& k) {
+    std::uint32_t const rev = revOf(k);
+    std::uint32_t pos = 0;
+    for (K const* items = small(); pos < size_; ++pos) {
+      std::uint32_t const r = revOf(items[pos]);
+      if (r > rev) break;
+      if constexpr (kOrderedTies) {
+        if (r == rev && k < items[pos]) break;
+      }
+    }
+    if (size_ == cap_) reallocateSmall(cap_ == 0 ? 1 : std::min(cap_ * 2, kSmallMax));
+    K* items = small();
+    if (pos == size_) {
+      std::construct_at(items + size_, k);
+    } else {
+      std::construct_at(items + size_, std::move(items[size_ - 1]));
+      std::move_backward(items + pos, items + size_ - 1, items + size_);
+      items[pos] = k;
+    }
+    ++size_;
+  }
+
+  void reallocateSmall(std::uint32_t cap) {
+    std::allocator<K> alloc;
+    K* fresh = alloc.allocate(cap);
+    K* items = small();
+    std::uninitialized_move(items, items + size_, fresh);
+    std::destroy(items, items + size_);
+    if (items) alloc.deallocate(items, cap_);
+    rep_ = fresh;
+    cap_ = cap;
+  }
+
+  void toLarge() {
+    auto fresh = std::make_unique<Map>();
+    for (K const* p = small(); p != small() + size_; ++p) fresh->tryEmplace(*p, true);
+    std::uint32_t const n = size_;
+    release();
+    rep_ = fresh.release();
+    size_ = n;
+    cap_ = kLarge;
+  }
+
+  void toSmall() {
+    std::unique_ptr<Map> old(map());
+    std::uint32_t const n = size_;
+    rep_ = nullptr;
+    size_ = 0;
+    cap_ = 0;
+    if (n == 0) return;
+    reallocateSmall(n);
+    // The map's order is the array's order.
+    for (auto it = std::as_const(*old).begin(); it != std::as_const(*old).end(); ++it) {
+      std::construct_at(small() + size_, it.key());
+      ++size_;
+    }
+  }
+
+  void copyFrom(ValueSet const& o) {
+    if (o.size_ == 0) return;
+    if (o.isLarge()) {
+      rep_ = new Map(*o.map());
+      size_ = o.size_;
+      cap_ = kLarge;
+      return;
+    }
+    std::allocator<K> alloc;
+    K* fresh = alloc.allocate(o.size_);
+    try {
+      std::uninitialized_copy(o.small(), o.small() + o.size_, fresh);
+    } catch (...) {
+      alloc.deallocate(fresh, o.size_);
+      throw;
+    }
+    rep_ = fresh;
+    size_ = o.size_;
+    cap_ = o.size_;
+  }
+
+  void release() noexcept {
+    if (isLarge()) {
+      delete map();
+    } else if (rep_) {
+      std::destroy(small(), small() + size_);
+      std::allocator<K>().deallocate(small(), cap_);
+    }
+    rep_ = nullptr;
+    size_ = 0;
+    cap_ = 0;
+  }
+
+  void* rep_ = nullptr;     // K[cap_] in iteration order, or a Map when cap_ == kLarge
+  std::uint32_t size_ = 0;  // members
+  std::uint32_t cap_ = 0;   // array slots, or kLarge
+};
+
+// Inside a value's textual form a set prints as None.
+template <class K, class H, class Eq>
+struct ValueTraits<ValueSet<K, H, Eq>> : NoneValueTraits<ValueSet<K, H, Eq>> {};
+
+}  // namespace Vela
+
+// Set-valued field `name` of a value type, members of type Key, in the
+// conventional shape: name(k) (whether k is a member), name##Is(k, true) (adds;
+// false removes), new##Name(k, true) (the same), name##Del(k), name##DelAll()
+// and name##s() (the set, for size and iteration). Declares the member
+// name##_; like the VELA_* entity macros it ends in `private:`.
+#define VELA_VALUE_SET(Key, name, Name)                                   \
+ public:                                                                  \
+  bool name(Key const& k) const { return name##_.contains(k); }           \
+  void name##Is(Key const& k, bool present = true) {                      \
+    if (present) {                                                        \
+      name##_.insert(k);                                                  \
+    } else {                                                              \
+      name##_.erase(k);                                                   \
+    }                                                                     \
+  }                                                                       \
+  void new##Name(Key const& k, bool present = true) { name##Is(k, present); } \
+  void name##Del(Key const& k) { name##_.erase(k); }                      \
+  void name##DelAll() { name##_.clear(); }                                \
+  ::Vela::ValueSet<Key> const& name##s() const { return name##_; }        \
+                                                                          \
+ private:                                                                 \
+  ::Vela::ValueSet<Key> name##_

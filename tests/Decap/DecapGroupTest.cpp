@@ -1,0 +1,225 @@
+// Decap group values and entities: orderings, textual forms, defaults, the
+// merged configuration's reference collection and creation by type name.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Decap/DecapGroup.h"
+#include "framework/Quay/TaskScheduler.h"
+
+namespace Tunnel::Decap {
+namespace {
+
+using Nimbo::AddressFamily;
+using Nimbo::IntfId;
+using Nimbo::IpGenAddr;
+
+TEST(DecapEnumTest, NamesValuesAndUnknownNames) {
+  EXPECT_EQ(Vela::enumName(TunnelType::unknown), "unknown");
+  EXPECT_EQ(Vela::enumName(TunnelType::gre), "gre");
+  EXPECT_EQ(Vela::enumName(TunnelType::ipip), "ipip");
+  EXPECT_EQ(Vela::enumName(AddressType::primary), "primary");
+  EXPECT_EQ(Vela::enumName(AddressType::all), "all");
+  EXPECT_EQ(Vela::enumName(TunnelDecapIpSrc::ip), "ip");
+  EXPECT_EQ(Vela::enumName(TunnelDecapIpSrc::intf), "intf");
+
+  EXPECT_EQ(Vela::enumFromValue<TunnelType>(2), TunnelType::ipip);
+  EXPECT_EQ(Vela::enumFromName<TunnelType>("gre"), TunnelType::gre);
+  EXPECT_EQ(Vela::enumFromName<AddressType>("all"), AddressType::all);
+  EXPECT_EQ(Vela::enumFromValue<TunnelDecapIpSrc>(1), TunnelDecapIpSrc::intf);
+  EXPECT_THROW(Vela::enumFromName<TunnelType>("vxlan"), Vela::RangeException);
+  EXPECT_THROW(Vela::enumFromName<AddressType>("Primary"), Vela::RangeException);
+  EXPECT_THROW(Vela::enumFromValue<TunnelDecapIpSrc>(2), Vela::RangeException);
+}
+
+TEST(DecapIntfKeyTest, OrdersByInterfaceThenFamily) {
+  DecapIntfKey const eth1v4(IntfId("Ethernet1"), AddressFamily::ipv4);
+  DecapIntfKey const eth1v6(IntfId("Ethernet1"), AddressFamily::ipv6);
+  DecapIntfKey const eth2v4(IntfId("Ethernet2"), AddressFamily::ipv4);
+  DecapIntfKey const eth2none(IntfId("Ethernet2"), AddressFamily::ipunknown);
+
+  // Same interface: the family decides.
+  EXPECT_LT(eth1v4, eth1v6);
+  EXPECT_FALSE(eth1v6 < eth1v4);
+  EXPECT_LT(eth2none, eth2v4);
+  // Different interfaces: the family is not consulted.
+  EXPECT_LT(eth1v6, eth2v4);
+  EXPECT_LT(eth1v6, eth2none);
+  EXPECT_FALSE(eth2none < eth1v6);
+
+  EXPECT_GT(eth2v4, eth1v6);
+  EXPECT_LE(eth1v4, eth1v4);
+  EXPECT_LE(eth1v4, eth1v6);
+  EXPECT_GE(eth1v6, eth1v6);
+  EXPECT_FALSE(eth1v4 >= eth1v6);
+  EXPECT_NE(eth1v4, eth1v6);
+  EXPECT_EQ(eth1v4, DecapIntfKey(IntfId("Ethernet1"), AddressFamily::ipv4));
+}
+
+TEST(DecapIntfKeyTest, HashAgreesWithEqualityAndUsesBothFields) {
+  for (char const* intf : {"", "Ethernet1", "Ethernet1/2", "Tunnel5"}) {
+    for (auto af : {AddressFamily::ipunknown, AddressFamily::ipv4, AddressFamily::ipv6}) {
+      EXPECT_EQ(Vela::hashOf(DecapIntfKey(IntfId(intf), af)), Vela::hashOf(DecapIntfKey(IntfId(intf), af)));
+    }
+  }
+  DecapIntfKey const base(IntfId("Ethernet1"), AddressFamily::ipv4);
+  EXPECT_NE(Vela::hashOf(base), Vela::hashOf(DecapIntfKey(IntfId("Ethernet1"), AddressFamily::ipv6)));
+  EXPECT_NE(Vela::hashOf(base), Vela::hashOf(DecapIntfKey(IntfId("Ethernet2"), AddressFamily::ipv4)));
+}
+
+TEST(DecapIntfKeyTest, TextualForms) {
+  DecapIntfKey const key(IntfId("Ethernet1"), AddressFamily::ipv6);
+  std::string const strep =
+      "Value('Tunnel::Decap::DecapIntfKey', ** {'intfId': 'Ethernet1', 'addressFamily': ipv6})";
+  EXPECT_EQ(Vela::valueToStrep(key), strep);
+  EXPECT_EQ(Vela::parseValue<DecapIntfKey>(strep), key);
+  EXPECT_EQ(key.stringValue(), " Intf: Ethernet1 address-family: ipv6");
+}
+
+TEST(DecapIntfTest, DefaultsOrderingAndTextualForms) {
+  DecapIntfKey const key(IntfId("Ethernet1"), AddressFamily::ipv4);
+  DecapIntf const plain(key);
+  EXPECT_EQ(plain.decapIntfKey(), key);
+  EXPECT_EQ(plain.addressType(), AddressType::primary);
+  EXPECT_FALSE(plain.oldConfig());
+
+  DecapIntf const all(key, AddressType::all);
+  DecapIntf const old(key, AddressType::primary, true);
+  DecapIntf const later(DecapIntfKey(IntfId("Ethernet1"), AddressFamily::ipv6));
+  // Lexicographic: key, then address type, then oldConfig with false first.
+  EXPECT_LT(plain, old);
+  EXPECT_LT(old, all);
+  EXPECT_LT(all, later);
+  EXPECT_GT(later, all);
+  EXPECT_LE(plain, plain);
+  EXPECT_GE(all, old);
+  EXPECT_NE(plain, old);
+
+  std::string const strep =
+      "Value('Tunnel::Decap::DecapIntf', ** {'decapIntfKey': Value('Tunnel::Decap::DecapIntfKey', ** "
+      "{'intfId': "
+      "'Ethernet1', 'addressFamily': ipv4}), 'addressType': all, 'oldConfig': True})";
+  DecapIntf const both(key, AddressType::all, true);
+  EXPECT_EQ(Vela::valueToStrep(both), strep);
+  EXPECT_EQ(Vela::parseValue<DecapIntf>(strep), both);
+  EXPECT_EQ(both.stringValue(), " Intf: Ethernet1 address-family: ipv4 address-type: all oldConfig: 1");
+  EXPECT_EQ(plain.stringValue(), " Intf: Ethernet1 address-family: ipv4 address-type: primary oldConfig: 0");
+}
+
+TEST(DecapEntityTest, NewEntitiesStartEmpty) {
+  auto input = configInputFactory("cli");
+  EXPECT_EQ(input->name(), "cli");
+  EXPECT_EQ(input->typeName(), "Tunnel::Decap::ConfigInput");
+  EXPECT_TRUE(input->decapGroups().empty());
+
+  auto group = input->newDecapGroup("dg1");
+  EXPECT_EQ(group->name(), "dg1");
+  EXPECT_EQ(group->typeName(), "Tunnel::Decap::DecapGroup");
+  EXPECT_EQ(group->tunnelType(), TunnelType::unknown);
+  EXPECT_FALSE(group->dynamic());
+  EXPECT_TRUE(group->decapIps().empty());
+  EXPECT_TRUE(group->decapIntfs().empty());
+  // Absent keys read as defaults.
+  EXPECT_FALSE(group->decapIp(IpGenAddr("10.0.0.1")));
+  EXPECT_EQ(group->decapIntf(DecapIntfKey(IntfId("Ethernet1"), AddressFamily::ipv4)), DecapIntf());
+
+  auto config = configFactory();
+  EXPECT_EQ(config->name(), "");
+  EXPECT_EQ(config->typeName(), "Tunnel::Decap::Config");
+  EXPECT_FALSE(config->ready());
+  EXPECT_TRUE(config->decapGroups().empty());
+  EXPECT_EQ(config->decapGroup("dg1"), nullptr);
+
+  auto status = Hardware::statusFactory("hw");
+  EXPECT_EQ(status->name(), "hw");
+  EXPECT_EQ(status->typeName(), "Tunnel::Decap::Hardware::Status");
+  EXPECT_FALSE(status->decapSupported());
+  EXPECT_FALSE(status->multiDecapIpSupported());
+  EXPECT_FALSE(status->hwResourceFull());
+  EXPECT_FALSE(status->ip6DecapFeatureWarning());
+  EXPECT_FALSE(status->decapIpSrcSupported(TunnelDecapIpSrc::intf));
+  EXPECT_FALSE(status->decapTunnelTypeSupported(TunnelType::gre));
+  status->decapTunnelTypeSupportedIs(TunnelType::gre, true);
+  status->decapIpSrcSupportedIs(TunnelDecapIpSrc::ip, true);
+  EXPECT_TRUE(status->decapTunnelTypeSupported(TunnelType::gre));
+  EXPECT_FALSE(status->decapTunnelTypeSupported(TunnelType::ipip));
+  EXPECT_TRUE(status->decapIpSrcSupported(TunnelDecapIpSrc::ip));
+}
+
+TEST(DecapEntityTest, GroupsAreOwnedByTheirInput) {
+  auto input = configInputFactory("cli");
+  auto group = input->newDecapGroup("dg1");
+  EXPECT_EQ(input->newDecapGroup("dg1"), group);  // the existing group
+  EXPECT_EQ(input->decapGroups().size(), 1u);
+  group->decapIpIs(IpGenAddr("2001:db8::1"), true);
+  DecapIntfKey const key(IntfId("Ethernet1"), AddressFamily::ipv4);
+  group->decapIntfIs(key, DecapIntf(key, AddressType::all));
+  input->decapGroupDel("dg1");
+  EXPECT_EQ(input->decapGroup("dg1"), nullptr);
+  // Another holder keeps the released group alive, unchanged.
+  EXPECT_TRUE(group->decapIp(IpGenAddr("2001:db8::1")));
+  EXPECT_EQ(group->decapIntf(key).addressType(), AddressType::all);
+}
+
+TEST(DecapEntityTest, ConfigRefersToGroupsByNameAndRefusesNull) {
+  auto cli = configInputFactory("cli");
+  auto dyn = configInputFactory("dyn");
+  auto cliGroup = cli->newDecapGroup("dg1");
+  auto dynGroup = dyn->newDecapGroup("dg1");
+  cliGroup->decapIpIs(IpGenAddr("10.0.0.1"), true);
+
+  auto config = configFactory();
+  std::vector<Vela::Name> changes;
+  auto sub = config->decapGroups().changed().connect([&](Vela::Name const& n) { changes.push_back(n); });
+  config->decapGroupIs(cliGroup);
+  EXPECT_EQ(config->decapGroup("dg1"), cliGroup);
+  config->decapGroupIs(cliGroup);  // the same reference again: nothing changes
+  EXPECT_EQ(changes.size(), 1u);
+
+  // Same name, other group: the reference is replaced, the old group untouched.
+  config->decapGroupIs(dynGroup);
+  EXPECT_EQ(config->decapGroup("dg1"), dynGroup);
+  EXPECT_EQ(config->decapGroups().size(), 1u);
+  EXPECT_EQ(changes.size(), 2u);
+  EXPECT_TRUE(cliGroup->decapIp(IpGenAddr("10.0.0.1")));
+  EXPECT_EQ(cli->decapGroup("dg1"), cliGroup);
+
+  try {
+    config->decapGroupIs(nullptr);
+    FAIL() << "a null group was accepted";
+  } catch (Vela::RangeException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _decapGroup parameter to mutator for Tunnel::Decap::Config::decapGroup not allowed\"");
+  }
+  EXPECT_EQ(config->decapGroup("dg1"), dynGroup);
+  EXPECT_EQ(changes.size(), 2u);
+
+  config->decapGroupDel("dg1");
+  EXPECT_TRUE(config->decapGroups().empty());
+  EXPECT_EQ(changes, (std::vector<Vela::Name>{"dg1", "dg1", "dg1"}));
+}
+
+TEST(DecapEntityTest, TypesAreCreatedByTypeName) {
+  auto scheduler = Vela::make<Quay::TaskScheduler>();
+  auto em = Vela::make<Corvel::EntityManager>(scheduler);
+  registerDecapTypes(*em);
+  for (char const* type :
+       {"Tunnel::Decap::ConfigInput", "Tunnel::Decap::Config", "Tunnel::Decap::Hardware::Status"}) {
+    ASSERT_TRUE(em->knowsType(type)) << type;
+    auto e = em->newEntity(type, "x");
+    ASSERT_NE(e, nullptr) << type;
+    EXPECT_EQ(e->typeName(), type);
+  }
+  EXPECT_NE(Vela::dynamicPtrCast<ConfigInput>(em->newEntity("Tunnel::Decap::ConfigInput", "src1")), nullptr);
+  EXPECT_EQ(em->newEntity("Tunnel::Decap::ConfigInput", "src1")->name(), "src1");
+  EXPECT_EQ(em->newEntity("Tunnel::Decap::Config", "merged")->name(), "");  // nameless
+  EXPECT_EQ(em->newEntity("Tunnel::Decap::Hardware::Status", "hw")->name(), "hw");
+
+  // A mount of an empty path creates the entity there.
+  EXPECT_EQ(em->mount({"routing/tunneldecap/config", "Tunnel::Decap::Config", "w"}), Corvel::mountSuccess);
+  EXPECT_NE(Vela::dynamicPtrCast<Config>(em->getEntity("routing/tunneldecap/config")), nullptr);
+}
+
+}  // namespace
+}  // namespace Tunnel::Decap

@@ -1,0 +1,187 @@
+// ValueSet: set semantics across the small-array / hash-map switch, the
+// iteration order it shares with HashMap, order-independent equality and
+// hash, and the None textual form.
+#include "framework/Vela/ValueSet.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "framework/Vela/HashMap.h"
+#include "framework/Vela/Value.h"
+
+namespace {
+
+struct Key {
+  std::uint64_t v = 0;
+  std::uint32_t hash() const { return Vela::mix64(v * 0x9e3779b97f4a7c15ull); }
+  friend bool operator==(Key, Key) = default;
+  friend auto operator<=>(Key, Key) = default;
+};
+
+// Four keys share each hash: the tie rule of the iteration order.
+struct Crowded {
+  std::uint64_t v = 0;
+  std::uint32_t hash() const { return Vela::mix64(v / 4); }
+  friend bool operator==(Crowded, Crowded) = default;
+  friend auto operator<=>(Crowded, Crowded) = default;
+};
+
+// Crowded keys without operator<: equal hashes keep their insertion order.
+struct Unordered {
+  std::uint64_t v = 0;
+  std::uint32_t hash() const { return Vela::mix64(v / 4); }
+  friend bool operator==(Unordered, Unordered) = default;
+};
+
+template <class S>
+std::vector<std::uint64_t> members(S const& s) {
+  std::vector<std::uint64_t> out;
+  for (auto const& k : s) out.push_back(k.v);
+  return out;
+}
+
+template <class M>
+std::vector<std::uint64_t> mapKeys(M const& m) {
+  std::vector<std::uint64_t> out;
+  for (auto it = m.begin(); it != m.end(); ++it) out.push_back(it.key().v);
+  return out;
+}
+
+struct Holder : Vela::ValueTag {
+  static constexpr char const* valueTypeName = "Test::Holder";
+  static constexpr auto valueFields() {
+    return std::make_tuple(Vela::field("id", &Holder::id), Vela::field("members", &Holder::set));
+  }
+  std::uint32_t id = 0;
+  Vela::ValueSet<Key> set;
+};
+
+TEST(ValueSetTest, IsCompactAndAllocatesNothingWhenEmpty) {
+  // One pointer and two counters: a via set costs 16 bytes in every entry.
+  EXPECT_EQ(sizeof(Vela::ValueSet<Key>), 16u);
+  Vela::ValueSet<Key> s;
+  EXPECT_TRUE(s.empty());
+  EXPECT_EQ(s.begin(), s.end());
+  EXPECT_FALSE(s.contains(Key{1}));
+  EXPECT_FALSE(s.erase(Key{1}));
+}
+
+TEST(ValueSetTest, MatchesAModelAcrossTheSmallAndLargeForms) {
+  std::uint32_t const seed = 20240611;
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 rng(seed);
+  Vela::ValueSet<Key> s;
+  std::set<std::uint64_t> model;
+  for (int step = 0; step < 20000; ++step) {
+    // Few distinct keys, so that the set keeps crossing the switch both ways.
+    std::uint64_t const v = rng() % 14;
+    if (rng() % 2) {
+      EXPECT_EQ(s.insert(Key{v}), model.insert(v).second);
+    } else {
+      EXPECT_EQ(s.erase(Key{v}), model.erase(v) == 1);
+    }
+    ASSERT_EQ(s.size(), model.size());
+    if (step % 97 == 0) {
+      Vela::HashMap<Key, bool> reference;
+      for (auto v2 : model) reference.insertOrAssign(Key{v2}, true);
+      ASSERT_EQ(members(s), mapKeys(reference)) << "step " << step;
+      for (std::uint64_t k = 0; k < 14; ++k) EXPECT_EQ(s.contains(Key{k}), model.count(k) == 1);
+    }
+  }
+}
+
+TEST(ValueSetTest, IteratesInTheOrderOfAHashMapOfTheSameMembers) {
+  for (std::size_t n : {1u, 3u, 8u, 9u, 40u}) {
+    std::vector<std::uint64_t> values;
+    for (std::size_t i = 0; i < n; ++i) values.push_back(i * 7919 + 3);
+    Vela::ValueSet<Key> forward;
+    Vela::ValueSet<Key> backward;
+    Vela::HashMap<Key, bool> reference;
+    for (auto v : values) {
+      forward.insert(Key{v});
+      reference.insertOrAssign(Key{v}, true);
+    }
+    for (auto it = values.rbegin(); it != values.rend(); ++it) backward.insert(Key{*it});
+    EXPECT_EQ(members(forward), mapKeys(reference)) << n << " members";
+    EXPECT_EQ(members(backward), mapKeys(reference)) << n << " members";
+  }
+}
+
+TEST(ValueSetTest, EqualHashesFollowKeyOrderOrInsertionOrderLikeHashMap) {
+  Vela::ValueSet<Crowded> crowded;
+  Vela::HashMap<Crowded, bool> crowdedRef;
+  Vela::ValueSet<Unordered> unordered;
+  Vela::HashMap<Unordered, bool> unorderedRef;
+  for (std::uint64_t v : {6u, 4u, 7u, 5u, 1u, 3u}) {
+    crowded.insert(Crowded{v});
+    crowdedRef.insertOrAssign(Crowded{v}, true);
+    unordered.insert(Unordered{v});
+    unorderedRef.insertOrAssign(Unordered{v}, true);
+  }
+  EXPECT_EQ(members(crowded), mapKeys(crowdedRef));
+  EXPECT_EQ(members(unordered), mapKeys(unorderedRef));
+}
+
+TEST(ValueSetTest, EqualityAndHashIgnoreInsertionOrderAndRepresentation) {
+  Vela::ValueSet<Key> a{Key{1}, Key{2}, Key{3}, Key{4}, Key{5}};
+  Vela::ValueSet<Key> b{Key{5}, Key{3}, Key{1}, Key{4}, Key{2}};
+  EXPECT_EQ(a, b);
+  EXPECT_EQ(a.hash(), b.hash());
+
+  // Grown into a map and shrunk to five members again: still in map form,
+  // still equal to the small one.
+  Vela::ValueSet<Key> c;
+  for (std::uint64_t v = 1; v <= 9; ++v) c.insert(Key{v});
+  for (std::uint64_t v = 6; v <= 9; ++v) c.erase(Key{v});
+  EXPECT_EQ(c, a);
+  EXPECT_EQ(a, c);
+  EXPECT_EQ(c.hash(), a.hash());
+
+  Vela::ValueSet<Key> d = a;
+  d.erase(Key{5});
+  d.insert(Key{6});
+  EXPECT_NE(a, d);  // same size, one member differs
+  d.erase(Key{6});
+  EXPECT_NE(a, d);  // one member fewer
+  EXPECT_NE(a.hash(), d.hash());
+  d.insert(Key{5});
+  EXPECT_EQ(a, d);
+}
+
+TEST(ValueSetTest, CopiesAreIndependentAndMovesLeaveTheSourceEmpty) {
+  for (std::uint64_t n : {3u, 12u}) {
+    Vela::ValueSet<Key> a;
+    for (std::uint64_t v = 0; v < n; ++v) a.insert(Key{v});
+    Vela::ValueSet<Key> b = a;
+    b.insert(Key{100});
+    EXPECT_FALSE(a.contains(Key{100}));
+    EXPECT_EQ(a.size(), n);
+    Vela::ValueSet<Key> c = std::move(b);
+    EXPECT_TRUE(b.empty());  // NOLINT(bugprone-use-after-move): moved-from state is specified
+    EXPECT_EQ(c.size(), n + 1);
+    c = a;
+    EXPECT_EQ(c, a);
+    c.clear();
+    EXPECT_TRUE(c.empty());
+    EXPECT_EQ(a.size(), n);
+  }
+}
+
+TEST(ValueSetTest, PrintsAsNoneInsideAValueAndReadsBackEmpty) {
+  Holder h;
+  h.id = 7;
+  h.set.insert(Key{1});
+  h.set.insert(Key{2});
+  std::string const text = Vela::valueToStrep(h);
+  EXPECT_EQ(text, "Value('Test::Holder', ** {'id': 7, 'members': None})");
+  Holder back = Vela::parseValue<Holder>(text);
+  EXPECT_EQ(back.id, 7u);
+  EXPECT_TRUE(back.set.empty());
+}
+
+}  // namespace
