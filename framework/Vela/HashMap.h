@@ -27,12 +27,14 @@
 // its home with no empty slot in between (linear probing with ordered
 // insertion and backward-shift deletion). The table ends in a small overflow
 // area instead of wrapping around, so slot order is iteration order and
-// iterating is a linear scan. Each slot has three parallel parts: the reversed
-// hash (4 bytes, probed by lookups, so a miss never touches member storage), a
-// state byte (scanned by iteration) and the member, stored inline. Members are
-// moved when the table shifts or grows, so keys and values should have cheap,
-// non-throwing moves. Arguments to tryEmplace/insertOrAssign may refer into
-// the map.
+// iterating is a linear scan. Each slot has parallel parts: the member, stored
+// inline; its reversed hash; a state byte (scanned by iteration); and a 2-byte
+// probe word holding the member's distance from its home and the 8 hash bits
+// below the home bits, which orders it against a looked-up key with one
+// compare, so a lookup reads only probe words until it reaches its member, and
+// a miss usually reads nothing else. Members are moved when the table shifts
+// or grows, so keys and values should have cheap, non-throwing moves.
+// Arguments to tryEmplace/insertOrAssign may refer into the map.
 #pragma once
 
 #include <algorithm>
@@ -83,6 +85,11 @@ class HashMap {
   // so only then the state decides).
   static constexpr std::uint32_t kNoRev = 0xFFFFFFFFu;
   static constexpr std::size_t kEndIdx = static_cast<std::size_t>(-1);
+  // Probe word of an empty slot (and the sentinel): after every member.
+  static constexpr std::uint16_t kNoProbe = 0xFFFF;
+  // Distances up to this are kept in the probe word; a member further from
+  // its home has distance byte 0.
+  static constexpr std::size_t kMaxNear = 253;
   static constexpr std::uint32_t kMinBits = 3;
   static constexpr bool kOrderedTies = internal::LessComparable<K>;
   static constexpr bool kTrivialMember = std::is_trivially_copyable_v<Member>;
@@ -113,8 +120,7 @@ class HashMap {
 
     Iter() = default;
     template <bool C = Const>
-      requires C
-    Iter(Iter<false> const& o)  // NOLINT(google-explicit-constructor): iterator to const_iterator
+    requires C Iter(Iter<false> const& o)  // NOLINT(google-explicit-constructor): iterator to const_iterator
         : map_(o.map_),
           idx_(o.idx_),
           epoch_(o.epoch_),
@@ -199,14 +205,11 @@ class HashMap {
   using const_iterator = Iter<true>;
 
   HashMap() = default;
-  HashMap(std::initializer_list<std::pair<K, V>> init)
-    requires std::copy_constructible<V>
-  {
+  HashMap(std::initializer_list<std::pair<K, V>> init) requires std::copy_constructible<V> {
     reserve(init.size());
     for (auto const& [k, v] : init) insertOrAssign(k, v);
   }
-  HashMap(HashMap const& o)
-    requires std::copy_constructible<K> && std::copy_constructible<V>
+  HashMap(HashMap const& o) requires std::copy_constructible<K> && std::copy_constructible<V>
       : hash_(o.hash_), eq_(o.eq_) {
     copyFrom(o);
   }
@@ -215,9 +218,7 @@ class HashMap {
     epoch_ = o.epoch_ + 1;
     ++o.epoch_;
   }
-  HashMap& operator=(HashMap const& o)
-    requires std::copy_constructible<K> && std::copy_constructible<V>
-  {
+  HashMap& operator=(HashMap const& o) requires std::copy_constructible<K> && std::copy_constructible<V> {
     if (this != &o) {
       HashMap copy(o);
       swap(copy);
@@ -238,6 +239,7 @@ class HashMap {
     swap(block_, o.block_);
     swap(members_, o.members_);
     swap(revs_, o.revs_);
+    swap(probes_, o.probes_);
     swap(states_, o.states_);
     swap(size_, o.size_);
     swap(limit_, o.limit_);
@@ -350,13 +352,12 @@ class HashMap {
   const_iterator cend() const { return end(); }
 
   // The first member not before k in iteration order: k itself when present,
-  // else the first member whose reversed hash is at least k's.
+  // else the first member after the place k would have (the first whose
+  // reversed hash is at least k's, or equal to it with a larger key).
   iterator iterFrom(K const& k) { return size_ ? iterator(this, seek(k)) : end(); }
   const_iterator iterFrom(K const& k) const { return size_ ? const_iterator(this, seek(k)) : end(); }
 
-  friend bool operator==(HashMap const& a, HashMap const& b)
-    requires std::equality_comparable<V>
-  {
+  friend bool operator==(HashMap const& a, HashMap const& b) requires std::equality_comparable<V> {
     if (a.size_ != b.size_) return false;
     for (std::size_t i = 0; i < a.limit_; ++i) {
       if (a.states_[i] != kFull) continue;
@@ -367,7 +368,9 @@ class HashMap {
   }
 
  private:
-  Member& member(std::size_t i) const noexcept { return *std::launder(reinterpret_cast<Member*>(members_[i].bytes)); }
+  Member& member(std::size_t i) const noexcept {
+    return *std::launder(reinterpret_cast<Member*>(members_[i].bytes));
+  }
 
   std::uint32_t revOf(K const& k) const { return bitReverse32(static_cast<std::uint32_t>(hash_(k))); }
   std::size_t homeOf(std::uint32_t rev) const { return rev >> shift_; }
@@ -386,10 +389,41 @@ class HashMap {
     return std::min<std::size_t>(std::size_t(1) << bits, 4 * bits + 8);
   }
 
+  // The probe word of a member with reversed hash rev in slot i: ordered like
+  // (home, fragment) among the slots a probe passes, as long as the distances
+  // are near. A key probed from its home h, at slot i, has the word
+  // probeWord(h, rev) - 256 * (i - h).
+  std::uint16_t probeWord(std::size_t i, std::uint32_t rev) const {
+    std::size_t const distance = i - homeOf(rev);
+    std::uint32_t const near = distance <= kMaxNear ? std::uint32_t(kMaxNear + 1 - distance) : 0;
+    return static_cast<std::uint16_t>((near << 8) | fragmentOf(rev));
+  }
+  std::uint32_t fragmentOf(std::uint32_t rev) const {
+    return static_cast<std::uint32_t>((std::uint64_t(rev) << bits_) >> 24) & 0xFFu;
+  }
+  void refreshProbes(std::size_t from, std::size_t to) {
+    for (std::size_t i = from; i < to; ++i) probes_[i] = probeWord(i, revs_[i]);
+  }
+
   std::size_t findIdx(K const& k) const {
     if (size_ == 0) return kEndIdx;
     std::uint32_t const rev = revOf(k);
     std::size_t i = homeOf(rev);
+    // Slots before the key's place have smaller words, its own (and its
+    // hash-fragment twins) equal ones, later members and empty slots larger.
+    for (std::uint32_t want = ((kMaxNear + 1) << 8) | fragmentOf(rev);; ++i, want -= 256) {
+      std::uint32_t const have = probes_[i];
+      if (have >= want) {
+        if (have > want) return kEndIdx;
+        if (eq_(member(i).key, k)) return i;
+        if (revs_[i] > rev) return kEndIdx;
+      }
+      if (want < 512) return findFar(k, rev, i + 1);  // further on, distances are not kept
+    }
+  }
+  // Continues a lookup by reversed hashes from slot i, all slots before it
+  // holding smaller ones.
+  std::size_t findFar(K const& k, std::uint32_t rev, std::size_t i) const {
     while (revs_[i] < rev) ++i;
     for (; holds(i, rev); ++i) {
       if (eq_(member(i).key, k)) return i;
@@ -523,6 +557,7 @@ class HashMap {
     ::new (static_cast<void*>(members_[idx].bytes)) Member(std::move(fresh));
     revs_[idx] = rev;
     states_[idx] = kFull;
+    refreshProbes(idx, end + 1);
     ++size_;
     ++epoch_;
     if (idx < firstHint_) firstHint_ = idx;
@@ -537,6 +572,8 @@ class HashMap {
     shiftLeft(idx, end);
     revs_[end - 1] = kNoRev;
     states_[end - 1] = kEmpty;
+    probes_[end - 1] = kNoProbe;
+    refreshProbes(idx, end - 1);
     --size_;
     ++epoch_;
     if (bits_ > kMinBits && size_ * 16 < (std::size_t(1) << bits_)) {
@@ -567,7 +604,8 @@ class HashMap {
     if (to - from <= 1) return;
     std::memmove(revs_ + from, revs_ + from + 1, (to - from - 1) * sizeof(std::uint32_t));
     if constexpr (kTrivialMember) {
-      std::memmove(static_cast<void*>(members_ + from), members_ + from + 1, (to - from - 1) * sizeof(Storage));
+      std::memmove(static_cast<void*>(members_ + from), members_ + from + 1,
+                   (to - from - 1) * sizeof(Storage));
     } else {
       for (std::size_t i = from + 1; i < to; ++i) moveMember(i, i - 1);
     }
@@ -577,23 +615,27 @@ class HashMap {
     std::destroy_at(&member(from));
   }
 
-  // The three parts of n slots in one block: members, then reversed hashes,
-  // then states. The last slot is the sentinel.
+  // The parts of n slots in one block: members, reversed hashes, probe words,
+  // states. The last slot is the sentinel.
   struct Table {
     void* block;
     Storage* members;
     std::uint32_t* revs;
+    std::uint16_t* probes;
     std::uint8_t* states;
   };
   static constexpr std::size_t kBlockAlign = std::max(alignof(Storage), alignof(std::uint32_t));
   static Table allocate(std::size_t n) {
-    std::size_t const revsAt = (n * sizeof(Storage) + alignof(std::uint32_t) - 1) & ~(alignof(std::uint32_t) - 1);
-    std::size_t const statesAt = revsAt + n * sizeof(std::uint32_t);
+    std::size_t const revsAt =
+        (n * sizeof(Storage) + alignof(std::uint32_t) - 1) & ~(alignof(std::uint32_t) - 1);
+    std::size_t const probesAt = revsAt + n * sizeof(std::uint32_t);
+    std::size_t const statesAt = probesAt + n * sizeof(std::uint16_t);
     void* block = ::operator new(statesAt + n, std::align_val_t(kBlockAlign));
     auto* bytes = static_cast<unsigned char*>(block);
     Table t{block, reinterpret_cast<Storage*>(bytes), reinterpret_cast<std::uint32_t*>(bytes + revsAt),
-            bytes + statesAt};
+            reinterpret_cast<std::uint16_t*>(bytes + probesAt), bytes + statesAt};
     std::fill_n(t.revs, n, kNoRev);
+    std::fill_n(t.probes, n, kNoProbe);
     std::memset(t.states, kEmpty, n);
     t.states[n - 1] = kEnd;
     return t;
@@ -630,6 +672,7 @@ class HashMap {
     block_ = fresh.block;
     members_ = fresh.members;
     revs_ = fresh.revs;
+    probes_ = fresh.probes;
     states_ = fresh.states;
     bits_ = bits;
     shift_ = shift;
@@ -637,6 +680,9 @@ class HashMap {
     limit_ = main + overflow;
     growAt_ = (main * 4) / 5;
     firstHint_ = first == kEndIdx ? 0 : first;
+    for (std::size_t i = firstHint_; i < next; ++i) {
+      if (states_[i] == kFull) probes_[i] = probeWord(i, revs_[i]);
+    }
     ++epoch_;
   }
 
@@ -649,11 +695,13 @@ class HashMap {
         if (o.states_[i] != kFull) continue;
         ::new (static_cast<void*>(t.members[i].bytes)) Member(o.member(i));
         t.revs[i] = o.revs_[i];
+        t.probes[i] = o.probes_[i];
         t.states[i] = kFull;
       }
     } catch (...) {
       for (std::size_t j = 0; j < i; ++j) {
-        if (t.states[j] == kFull) std::destroy_at(std::launder(reinterpret_cast<Member*>(t.members[j].bytes)));
+        if (t.states[j] == kFull)
+          std::destroy_at(std::launder(reinterpret_cast<Member*>(t.members[j].bytes)));
       }
       deallocate(t.block);
       throw;
@@ -661,6 +709,7 @@ class HashMap {
     block_ = t.block;
     members_ = t.members;
     revs_ = t.revs;
+    probes_ = t.probes;
     states_ = t.states;
     size_ = o.size_;
     limit_ = o.limit_;
@@ -676,6 +725,7 @@ class HashMap {
     block_ = std::exchange(o.block_, nullptr);
     members_ = std::exchange(o.members_, nullptr);
     revs_ = std::exchange(o.revs_, nullptr);
+    probes_ = std::exchange(o.probes_, nullptr);
     states_ = std::exchange(o.states_, nullptr);
     size_ = std::exchange(o.size_, 0);
     limit_ = std::exchange(o.limit_, 0);
@@ -698,6 +748,7 @@ class HashMap {
     block_ = nullptr;
     members_ = nullptr;
     revs_ = nullptr;
+    probes_ = nullptr;
     states_ = nullptr;
     size_ = 0;
     limit_ = 0;
@@ -708,18 +759,19 @@ class HashMap {
     shift_ = 32;
   }
 
-  void* block_ = nullptr;              // the table: limit_ + 1 slots, the last one the sentinel
+  void* block_ = nullptr;  // the table: limit_ + 1 slots, the last one the sentinel
   Storage* members_ = nullptr;
-  std::uint32_t* revs_ = nullptr;      // reversed hash per slot, kNoRev when empty
-  std::uint8_t* states_ = nullptr;     // kEmpty, kFull, kEnd
+  std::uint32_t* revs_ = nullptr;    // reversed hash per slot, kNoRev when empty
+  std::uint16_t* probes_ = nullptr;  // probe word per slot, kNoProbe when empty
+  std::uint8_t* states_ = nullptr;   // kEmpty, kFull, kEnd
   std::size_t size_ = 0;
-  std::size_t limit_ = 0;              // main area plus overflow area
+  std::size_t limit_ = 0;  // main area plus overflow area
   std::size_t overflow_ = 0;
   std::size_t growAt_ = 0;             // size at which the main area doubles
   mutable std::size_t firstHint_ = 0;  // no member sits before this slot
   std::size_t reserved_ = 0;
-  std::uint64_t epoch_ = 0;            // bumped by every change that moves members
-  std::uint32_t bits_ = 0;             // main area is 2^bits_ slots (0: no table)
+  std::uint64_t epoch_ = 0;  // bumped by every change that moves members
+  std::uint32_t bits_ = 0;   // main area is 2^bits_ slots (0: no table)
   std::uint32_t shift_ = 32;
   [[no_unique_address]] H hash_;
   [[no_unique_address]] Eq eq_;

@@ -41,8 +41,8 @@ class LinkQueue {
 
     Iter() = default;
     template <bool C = Const>
-      requires C
-    Iter(Iter<false> const& o) : queue_(o.queue_), offset_(o.offset_) {}  // NOLINT(google-explicit-constructor)
+    requires C Iter(Iter<false> const& o)
+        : queue_(o.queue_), offset_(o.offset_) {}  // NOLINT(google-explicit-constructor)
 
     Index index() const { return static_cast<Index>(queue_->head_ + offset_); }
     Index key() const { return index(); }
@@ -73,8 +73,7 @@ class LinkQueue {
   using const_iterator = Iter<true>;
 
   LinkQueue() = default;
-  LinkQueue(Index headIndex, Index tailIndex)
-    requires std::default_initializable<V>
+  LinkQueue(Index headIndex, Index tailIndex) requires std::default_initializable<V>
       : items_(static_cast<Index>(tailIndex - headIndex)), head_(headIndex), tail_(tailIndex) {}
 
   Index headIndex() const noexcept { return head_; }
@@ -121,9 +120,7 @@ class LinkQueue {
   const_iterator end() const { return const_iterator(this, items_.size()); }
 
   // Same values in the same order; the indices are not compared.
-  friend bool operator==(LinkQueue const& a, LinkQueue const& b)
-    requires std::equality_comparable<V>
-  {
+  friend bool operator==(LinkQueue const& a, LinkQueue const& b) requires std::equality_comparable<V> {
     return a.items_ == b.items_;
   }
 

@@ -55,8 +55,7 @@ class OrderedMap {
 
     Iter() = default;
     template <bool C = Const>
-      requires C
-    Iter(Iter<false> const& o)  // NOLINT(google-explicit-constructor): iterator to const_iterator
+    requires C Iter(Iter<false> const& o)  // NOLINT(google-explicit-constructor): iterator to const_iterator
         : map_(o.map_), it_(o.it_), epoch_(o.epoch_), past_(o.past_), key_(o.key_) {}
 
     K const& key() const { return entry().first; }
@@ -131,25 +130,21 @@ class OrderedMap {
     mutable TreeIt it_{};
     mutable std::uint64_t epoch_ = 0;
     mutable bool past_ = false;  // the member was removed; it_ is the member after it
-    std::optional<K> key_;  // empty at the end (not past a removed member)
+    std::optional<K> key_;       // empty at the end (not past a removed member)
   };
 
   using iterator = Iter<false>;
   using const_iterator = Iter<true>;
 
   OrderedMap() = default;
-  OrderedMap(std::initializer_list<std::pair<K, V>> init)
-    requires std::copy_constructible<V>
-  {
+  OrderedMap(std::initializer_list<std::pair<K, V>> init) requires std::copy_constructible<V> {
     for (auto const& [k, v] : init) insertOrAssign(k, v);
   }
-  OrderedMap(OrderedMap const& o)
-    requires std::copy_constructible<K> && std::copy_constructible<V>
+  OrderedMap(OrderedMap const& o) requires std::copy_constructible<K> && std::copy_constructible<V>
       : tree_(o.tree_) {}
   OrderedMap(OrderedMap&& o) noexcept : tree_(std::move(o.tree_)), epoch_(o.epoch_ + 1) { ++o.epoch_; }
-  OrderedMap& operator=(OrderedMap const& o)
-    requires std::copy_constructible<K> && std::copy_constructible<V>
-  {
+  OrderedMap& operator=(
+      OrderedMap const& o) requires std::copy_constructible<K> && std::copy_constructible<V> {
     tree_ = o.tree_;
     ++epoch_;
     return *this;
@@ -219,9 +214,7 @@ class OrderedMap {
   iterator iterFrom(K const& k) { return iterator(this, tree_.lower_bound(k)); }
   const_iterator iterFrom(K const& k) const { return const_iterator(this, tree_.lower_bound(k)); }
 
-  friend bool operator==(OrderedMap const& a, OrderedMap const& b)
-    requires std::equality_comparable<V>
-  {
+  friend bool operator==(OrderedMap const& a, OrderedMap const& b) requires std::equality_comparable<V> {
     return a.tree_ == b.tree_;
   }
 

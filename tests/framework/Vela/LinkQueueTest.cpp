@@ -1,7 +1,5 @@
 // LinkQueue: 8-bit positions that wrap, FIFO order, the full index space and
 // the head/tail counters carried as metadata.
-#include "framework/Vela/LinkQueue.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -9,6 +7,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "framework/Vela/LinkQueue.h"
 
 namespace {
 
