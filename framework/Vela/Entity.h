@@ -129,8 +129,10 @@ class ValueCollection {
   Signal<K> changed_;
 };
 
+// Counted references to entities, keyed; the common part of owned and
+// borrowed entity collections.
 template <class K, class E, class Map = HashMap<K, Ptr<E>>>
-class EntityCollection {
+class PtrCollection {
  public:
   using key_type = K;
 
@@ -142,17 +144,7 @@ class EntityCollection {
   std::size_t size() const { return map_.size(); }
   bool empty() const { return map_.empty(); }
 
-  // Creates the member E(k, args...) unless one exists; returns the member.
-  template <class... Args>
-  Ptr<E> newMember(K const& k, Args&&... args) {
-    auto [it, inserted] = map_.tryEmplace(k);
-    if (!inserted) return it.value();
-    Ptr<E> e = make<E>(k, std::forward<Args>(args)...);
-    it.value() = e;
-    changed_.emit(k);
-    return e;
-  }
-  // Inserts an already built member under k, replacing any other.
+  // Inserts `e` under k, replacing any other member.
   void set(K const& k, Ptr<E> const& e) {
     auto [it, inserted] = map_.tryEmplace(k, e);
     if (!inserted) {
@@ -178,62 +170,47 @@ class EntityCollection {
   auto end() const { return map_.end(); }
   Signal<K> const& changed() const { return changed_; }
 
- private:
+ protected:
   Map map_;
   Signal<K> changed_;
+};
+
+// Entities owned by the collection's entity.
+template <class K, class E, class Map = HashMap<K, Ptr<E>>>
+class EntityCollection : public PtrCollection<K, E, Map> {
+ public:
+  // Creates the member E(k, args...) unless one exists; returns the member.
+  template <class... Args>
+  Ptr<E> newMember(K const& k, Args&&... args) {
+    auto [it, inserted] = this->map_.tryEmplace(k);
+    if (!inserted) return it.value();
+    Ptr<E> e = make<E>(k, std::forward<Args>(args)...);
+    it.value() = e;
+    this->changed_.emit(k);
+    return e;
+  }
 };
 
 // References to entities owned elsewhere. `mutatorName` is the qualified
 // attribute name used in the null-reference error, for example
 // "Tunnel::Decap::Config::decapGroup".
 template <class K, class E, class Map = HashMap<K, Ptr<E>>>
-class RefCollection {
+class RefCollection : public PtrCollection<K, E, Map> {
  public:
   explicit RefCollection(char const* paramName, char const* mutatorName)
       : paramName_(paramName), mutatorName_(mutatorName) {}
-
-  Ptr<E> get(K const& k) const {
-    if (auto const* p = map_.lookup(k)) return *p;
-    return nullptr;
-  }
-  bool contains(K const& k) const { return map_.contains(k); }
-  std::size_t size() const { return map_.size(); }
-  bool empty() const { return map_.empty(); }
 
   void set(K const& k, Ptr<E> const& e) {
     if (!e) {
       throw RangeException(std::string("null _") + paramName_ + " parameter to mutator for " + mutatorName_ +
                            " not allowed\"");
     }
-    auto [it, inserted] = map_.tryEmplace(k, e);
-    if (!inserted) {
-      if (it.value() == e) return;
-      it.value() = e;
-    }
-    changed_.emit(k);
+    PtrCollection<K, E, Map>::set(k, e);
   }
-  bool del(K const& k) {
-    auto it = map_.find(k);
-    if (it == map_.end()) return false;
-    Ptr<E> keep = std::move(it.value());
-    map_.erase(it);
-    changed_.emit(k);
-    return true;
-  }
-  void delAll() {
-    while (!map_.empty()) del(K(map_.begin().key()));
-  }
-
-  Map const& map() const { return map_; }
-  auto begin() const { return map_.begin(); }
-  auto end() const { return map_.end(); }
-  Signal<K> const& changed() const { return changed_; }
 
  private:
   char const* paramName_;
   char const* mutatorName_;
-  Map map_;
-  Signal<K> changed_;
 };
 
 // A directory: named entries, each an entity of any type, in name order.

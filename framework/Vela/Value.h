@@ -140,27 +140,10 @@ struct ValueTraits<bool> {
   }
 };
 
+// Numbers: integers in decimal, floating point in its shortest round-trip
+// form; reading checks the range of T.
 template <class T>
-  requires(std::is_integral_v<T> && !std::is_same_v<T, bool>)
-struct ValueTraits<T> {
-  static void write(std::string& out, T v) {
-    char buf[24];
-    auto r = std::to_chars(buf, buf + sizeof buf, v);
-    out.append(buf, r.ptr);
-  }
-  static T read(ValueParser& p) {
-    auto tok = p.token();
-    T v{};
-    auto r = std::from_chars(tok.data(), tok.data() + tok.size(), v);
-    if (tok.empty() || r.ec != std::errc() || r.ptr != tok.data() + tok.size()) {
-      p.fail("expected an integer in range, got \"" + std::string(tok) + "\"");
-    }
-    return v;
-  }
-};
-
-template <class T>
-  requires std::is_floating_point_v<T>
+  requires(std::is_arithmetic_v<T> && !std::is_same_v<T, bool>)
 struct ValueTraits<T> {
   static void write(std::string& out, T v) {
     char buf[40];
@@ -172,7 +155,7 @@ struct ValueTraits<T> {
     T v{};
     auto r = std::from_chars(tok.data(), tok.data() + tok.size(), v);
     if (tok.empty() || r.ec != std::errc() || r.ptr != tok.data() + tok.size()) {
-      p.fail("expected a number, got \"" + std::string(tok) + "\"");
+      p.fail("expected a number in range, got \"" + std::string(tok) + "\"");
     }
     return v;
   }

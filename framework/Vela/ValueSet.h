@@ -22,6 +22,9 @@
 // is 16 bytes (one pointer and two counters), an empty set allocates nothing,
 // and a set of n <= 8 members one array of n to 8 keys. Iterators are for
 // reading only: any change to the set invalidates them.
+//
+// VELA_VALUE_SET (at the end) declares a set-valued field of a value type with
+// the conventional accessors, as the VELA_* macros of Entity.h do for entities.
 #pragma once
 
 #include <algorithm>
@@ -99,7 +102,9 @@ class ValueSet {
   }
   ValueSet(ValueSet const& o) { copyFrom(o); }
   ValueSet(ValueSet&& o) noexcept
-      : rep_(std::exchange(o.rep_, nullptr)), size_(std::exchange(o.size_, 0)), cap_(std::exchange(o.cap_, 0)) {}
+      : rep_(std::exchange(o.rep_, nullptr)),
+        size_(std::exchange(o.size_, 0)),
+        cap_(std::exchange(o.cap_, 0)) {}
   ValueSet& operator=(ValueSet const& o) {
     if (this != &o) {
       ValueSet copy(o);
@@ -331,20 +336,20 @@ struct ValueTraits<ValueSet<K, H, Eq>> : NoneValueTraits<ValueSet<K, H, Eq>> {};
 // false removes), new##Name(k, true) (the same), name##Del(k), name##DelAll()
 // and name##s() (the set, for size and iteration). Declares the member
 // name##_; like the VELA_* entity macros it ends in `private:`.
-#define VELA_VALUE_SET(Key, name, Name)                                   \
- public:                                                                  \
-  bool name(Key const& k) const { return name##_.contains(k); }           \
-  void name##Is(Key const& k, bool present = true) {                      \
-    if (present) {                                                        \
-      name##_.insert(k);                                                  \
-    } else {                                                              \
-      name##_.erase(k);                                                   \
-    }                                                                     \
-  }                                                                       \
+#define VELA_VALUE_SET(Key, name, Name)                                       \
+ public:                                                                      \
+  bool name(Key const& k) const { return name##_.contains(k); }               \
+  void name##Is(Key const& k, bool present = true) {                          \
+    if (present) {                                                            \
+      name##_.insert(k);                                                      \
+    } else {                                                                  \
+      name##_.erase(k);                                                       \
+    }                                                                         \
+  }                                                                           \
   void new##Name(Key const& k, bool present = true) { name##Is(k, present); } \
-  void name##Del(Key const& k) { name##_.erase(k); }                      \
-  void name##DelAll() { name##_.clear(); }                                \
-  ::Vela::ValueSet<Key> const& name##s() const { return name##_; }        \
-                                                                          \
- private:                                                                 \
+  void name##Del(Key const& k) { name##_.erase(k); }                          \
+  void name##DelAll() { name##_.clear(); }                                    \
+  ::Vela::ValueSet<Key> const& name##s() const { return name##_; }            \
+                                                                              \
+ private:                                                                     \
   ::Vela::ValueSet<Key> name##_

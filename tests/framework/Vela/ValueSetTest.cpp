@@ -1,8 +1,6 @@
 // ValueSet: set semantics across the small-array / hash-map switch, the
 // iteration order it shares with HashMap, order-independent equality and
 // hash, and the None textual form.
-#include "framework/Vela/ValueSet.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -13,6 +11,7 @@
 
 #include "framework/Vela/HashMap.h"
 #include "framework/Vela/Value.h"
+#include "framework/Vela/ValueSet.h"
 
 namespace {
 
