@@ -5,8 +5,11 @@
 // one-at-a-time over the 8 bytes), 64-bit values. Six operations: insert into
 // an empty map, find of present and of absent keys, erase, a full iteration,
 // and resuming an iteration at a key (the backlog bookmark: position at a key,
-// then visit the next 8 members). Every case reports items per second, one
-// item being one key (one member for the iteration).
+// then visit the next 8 members). Two more insert the keys in our iteration
+// order (ascending reversed hash, as when one map is filled from another's
+// iteration): into an empty map, and into an empty map that is then drained
+// from the front. Every case reports items per second, one item being one key
+// (one member for the iteration).
 #include <absl/container/flat_hash_map.h>
 #include <benchmark/benchmark.h>
 
@@ -57,6 +60,7 @@ struct Keys {
   std::vector<TunnelKey> present;  // in insertion order
   std::vector<TunnelKey> lookups;  // present keys, shuffled
   std::vector<TunnelKey> absent;
+  std::vector<TunnelKey> ascending;  // present keys by ascending reversed hash
 };
 
 Keys const& keys() {
@@ -75,6 +79,11 @@ Keys const& keys() {
     for (std::size_t i = 0; i < kKeys; ++i) out.absent.push_back(make());
     out.lookups = out.present;
     std::shuffle(out.lookups.begin(), out.lookups.end(), rng);
+    out.ascending = out.present;
+    std::sort(out.ascending.begin(), out.ascending.end(), [](TunnelKey a, TunnelKey b) {
+      std::uint32_t const ra = Vela::bitReverse32(a.hash()), rb = Vela::bitReverse32(b.hash());
+      return ra != rb ? ra < rb : a < b;
+    });
     return out;
   }();
   return k;
@@ -125,6 +134,38 @@ void BM_Insert(benchmark::State& state) {
     std::optional<M> m(std::in_place);
     std::uint64_t n = 0;
     for (TunnelKey k : ks) insert(*m, k, n++);
+    benchmark::DoNotOptimize(m->size());
+    state.PauseTiming();
+    m.reset();
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * ks.size()));
+}
+
+template <class M>
+void BM_InsertAscending(benchmark::State& state) {
+  auto const& ks = keys().ascending;
+  for (auto _ : state) {
+    std::optional<M> m(std::in_place);
+    std::uint64_t n = 0;
+    for (TunnelKey k : ks) insert(*m, k, n++);
+    benchmark::DoNotOptimize(m->size());
+    state.PauseTiming();
+    m.reset();
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * ks.size()));
+}
+
+// Fills a backlog in order, then drains it from the front.
+template <class M>
+void BM_FillAscendingDrainFront(benchmark::State& state) {
+  auto const& ks = keys().ascending;
+  for (auto _ : state) {
+    std::optional<M> m(std::in_place);
+    std::uint64_t n = 0;
+    for (TunnelKey k : ks) insert(*m, k, n++);
+    for (TunnelKey k : ks) erase(*m, k);
     benchmark::DoNotOptimize(m->size());
     state.PauseTiming();
     m.reset();
@@ -205,6 +246,8 @@ void BM_Resume(benchmark::State& state) {
   BENCHMARK_TEMPLATE(op, Absl)->Unit(benchmark::kMillisecond)
 
 VELA_MAP_BENCH(BM_Insert);
+VELA_MAP_BENCH(BM_InsertAscending);
+VELA_MAP_BENCH(BM_FillAscendingDrainFront);
 VELA_MAP_BENCH(BM_FindHit);
 VELA_MAP_BENCH(BM_FindMiss);
 VELA_MAP_BENCH(BM_Erase);

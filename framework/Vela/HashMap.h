@@ -23,16 +23,25 @@
 // (value is writable through a non-const map), or use it.key() / it.value().
 //
 // Layout: an open-addressing table kept sorted by reversed hash. A member's
-// home slot is given by the top bits of its reversed hash; it sits at or after
-// its home with no empty slot in between (linear probing with ordered
-// insertion and backward-shift deletion). The table ends in a small overflow
-// area instead of wrapping around, so slot order is iteration order and
-// iterating is a linear scan. Each slot has parallel parts: the member, stored
-// inline; its reversed hash; a state byte (scanned by iteration); and a 2-byte
-// probe word holding the member's distance from its home and the 8 hash bits
-// below the home bits, which orders it against a looked-up key with one
+// home slot interpolates its reversed hash over the map's range [lo, hi]:
+// home = (rev - lo) * slots / (hi - lo + 1), clamped to the table, so homes
+// rise with the reversed hash. A member sits at or after its home with no
+// empty slot in between (linear probing with ordered insertion and
+// backward-shift deletion). The table ends in a small overflow area instead of
+// wrapping around, so slot order is iteration order and iterating is a linear
+// scan. The range starts as all 32-bit values (the home is then the top bits
+// of the reversed hash). Members that crowd into a narrow part of it, as when
+// keys arrive in iteration order (copying a map, filling a backlog from
+// another map's iteration), would make long runs, so when a change has to
+// probe far the range is refitted to the members, leaving room above them (or
+// below, when they arrive in descending order), and the table is rebuilt in
+// one pass. Each slot has parallel parts: the member, stored inline; its
+// reversed hash; a state byte (scanned by iteration); and a 2-byte probe word
+// holding the member's distance from its home and the next 8 bits of its
+// interpolated position, which orders it against a looked-up key with one
 // compare, so a lookup reads only probe words until it reaches its member, and
-// a miss usually reads nothing else. Members are moved when the table shifts
+// a miss usually reads nothing else. An empty map allocates nothing and a
+// small one only a few slots. Members are moved when the table shifts
 // or grows, so keys and values should have cheap, non-throwing moves.
 // Arguments to tryEmplace/insertOrAssign may refer into the map.
 #pragma once
@@ -90,7 +99,13 @@ class HashMap {
   // Distances up to this are kept in the probe word; a member further from
   // its home has distance byte 0.
   static constexpr std::size_t kMaxNear = 253;
-  static constexpr std::uint32_t kMinBits = 3;
+  static constexpr std::uint32_t kMinBits = 1;
+  static constexpr std::uint32_t kFullRange = 0xFFFFFFFFu;
+  // A change that probes further than this from a home slot may refit the
+  // range, once the map has at least kMinRefitSize members.
+  static constexpr std::size_t kRefitProbe = 48;
+  static constexpr std::size_t kMinRefitSize = 32;
+  static constexpr std::size_t kRefitTrim = 8;  // members left out at each end when refitting
   static constexpr bool kOrderedTies = internal::LessComparable<K>;
   static constexpr bool kTrivialMember = std::is_trivially_copyable_v<Member>;
 
@@ -236,7 +251,6 @@ class HashMap {
 
   void swap(HashMap& o) noexcept {
     using std::swap;
-    swap(block_, o.block_);
     swap(members_, o.members_);
     swap(revs_, o.revs_);
     swap(probes_, o.probes_);
@@ -244,11 +258,13 @@ class HashMap {
     swap(size_, o.size_);
     swap(limit_, o.limit_);
     swap(overflow_, o.overflow_);
-    swap(growAt_, o.growAt_);
     swap(firstHint_, o.firstHint_);
     swap(reserved_, o.reserved_);
     swap(bits_, o.bits_);
-    swap(shift_, o.shift_);
+    swap(lo_, o.lo_);
+    swap(range_, o.range_);
+    swap(scale_, o.scale_);
+    swap(refitSize_, o.refitSize_);
     swap(hash_, o.hash_);
     swap(eq_, o.eq_);
     // Both maps changed under their iterators.
@@ -261,6 +277,15 @@ class HashMap {
   bool empty() const noexcept { return size_ == 0; }
   // Slots in the table (main and overflow area), for tests and benchmarks.
   std::size_t capacity() const noexcept { return limit_; }
+  // The furthest any member sits from its home slot: how long a lookup or an
+  // insertion may probe. For tests and benchmarks (a linear scan).
+  std::size_t maxProbeDistance() const noexcept {
+    std::size_t most = 0;
+    for (std::size_t i = 0; i < limit_; ++i) {
+      if (states_[i] == kFull) most = std::max(most, i - homeOf(revs_[i]));
+    }
+    return most;
+  }
 
   void clear() {
     release();
@@ -274,7 +299,7 @@ class HashMap {
     reserved_ = n;
     if (n == 0) return;
     std::uint32_t const bits = bitsFor(n);
-    if (bits > bits_) rebuild(bits, 0);
+    if (bits > bits_) rebuild(bits, 0, lo_, range_);
   }
 
   bool contains(K const& k) const { return findIdx(k) != kEndIdx; }
@@ -329,7 +354,7 @@ class HashMap {
                      "HashMap::erase of an iterator without a member");
     std::size_t const idx = pos.idx_;
     if (!eraseAt(idx)) return iterator(this, nextFull(idx));
-    // The table was rebuilt smaller: find the place after the erased key.
+    // The table was rebuilt (smaller, or refitted): find the place after the erased key.
     iterator it;
     it.map_ = this;
     it.idx_ = 0;
@@ -373,7 +398,21 @@ class HashMap {
   }
 
   std::uint32_t revOf(K const& k) const { return bitReverse32(static_cast<std::uint32_t>(hash_(k))); }
-  std::size_t homeOf(std::uint32_t rev) const { return rev >> shift_; }
+  // The interpolated place of rev in the table: its home slot in the top
+  // bits, 8 more bits of fraction below (the probe word's fragment).
+  std::uint64_t placeOf(std::uint32_t rev) const {
+    std::uint32_t d = rev - lo_;
+    d = rev < lo_ ? 0 : d;
+    d = d > range_ ? range_ : d;
+    return (std::uint64_t(d) * scale_) >> 24;
+  }
+  std::size_t homeOf(std::uint32_t rev) const { return static_cast<std::size_t>(placeOf(rev) >> 8); }
+  // The factor mapping distances from lo to 32.32 fixed-point slots: the main
+  // area's 2^bits slots over range + 1 values. (range * scale stays below
+  // 2^(bits + 32), so no product overflows.)
+  static std::uint64_t scaleFor(std::uint32_t bits, std::uint32_t range) {
+    return (std::uint64_t(1) << (bits + 32)) / (std::uint64_t(range) + 1);
+  }
   // Whether slot i holds a member whose reversed hash is rev.
   bool holds(std::size_t i, std::uint32_t rev) const {
     return revs_[i] == rev && (rev != kNoRev || states_[i] == kFull);
@@ -385,6 +424,8 @@ class HashMap {
     while (((std::size_t(1) << bits) * 4) / 5 < n) ++bits;
     return bits;
   }
+  // Size at which the main area doubles (0 without a table).
+  std::size_t growAt() const { return bits_ ? ((std::size_t(1) << bits_) * 4) / 5 : 0; }
   static std::size_t defaultOverflow(std::uint32_t bits) {
     return std::min<std::size_t>(std::size_t(1) << bits, 4 * bits + 8);
   }
@@ -399,7 +440,7 @@ class HashMap {
     return static_cast<std::uint16_t>((near << 8) | fragmentOf(rev));
   }
   std::uint32_t fragmentOf(std::uint32_t rev) const {
-    return static_cast<std::uint32_t>((std::uint64_t(rev) << bits_) >> 24) & 0xFFu;
+    return static_cast<std::uint32_t>(placeOf(rev)) & 0xFFu;
   }
   void refreshProbes(std::size_t from, std::size_t to) {
     for (std::size_t i = from; i < to; ++i) probes_[i] = probeWord(i, revs_[i]);
@@ -408,10 +449,12 @@ class HashMap {
   std::size_t findIdx(K const& k) const {
     if (size_ == 0) return kEndIdx;
     std::uint32_t const rev = revOf(k);
-    std::size_t i = homeOf(rev);
+    std::uint64_t const place = placeOf(rev);
+    std::size_t i = static_cast<std::size_t>(place >> 8);
     // Slots before the key's place have smaller words, its own (and its
     // hash-fragment twins) equal ones, later members and empty slots larger.
-    for (std::uint32_t want = ((kMaxNear + 1) << 8) | fragmentOf(rev);; ++i, want -= 256) {
+    for (std::uint32_t want = ((kMaxNear + 1) << 8) | (static_cast<std::uint32_t>(place) & 0xFFu);;
+         ++i, want -= 256) {
       std::uint32_t const have = probes_[i];
       if (have >= want) {
         if (have > want) return kEndIdx;
@@ -529,25 +572,30 @@ class HashMap {
   std::pair<std::size_t, bool> emplace(K const& k, Args&&... args) {
     std::uint32_t const rev = revOf(k);
     std::size_t idx = kEndIdx;
-    if (block_) {
+    if (members_) {
       Place const p = locate(k, rev);
       if (p.found) return {p.idx, false};
       idx = p.idx;
     }
     // Built before anything moves: the arguments may refer into this map.
     Member fresh{K(k), makeValue(std::forward<Args>(args)...)};
-    if (size_ + 1 > growAt_) {
-      rebuild(std::max(bits_ + 1, bitsFor(size_ + 1)), 0);
+    if (size_ + 1 > growAt()) {
+      rebuild(std::max(bits_ + 1, bitsFor(size_ + 1)), 0, lo_, range_);
       idx = locate(fresh.key, rev).idx;
     }
     std::size_t end = idx;
     while (states_[end] == kFull) ++end;
+    if (end - homeOf(rev) > kRefitProbe && refit(true, rev, bits_, true)) {
+      idx = locate(fresh.key, rev).idx;
+      end = idx;
+      while (states_[end] == kFull) ++end;
+    }
     while (states_[end] == kEnd) {
       // The run reaches the end of the overflow area.
       if (size_ * 5 >= (std::size_t(1) << bits_) * 2) {
-        rebuild(bits_ + 1, 0);
+        rebuild(bits_ + 1, 0, lo_, range_);
       } else {
-        rebuild(bits_, overflow_ * 2);  // crowded hashes, not a full table
+        rebuild(bits_, overflow_ * 2, lo_, range_);  // crowded hashes, not a full table
       }
       idx = locate(fresh.key, rev).idx;
       end = idx;
@@ -576,14 +624,71 @@ class HashMap {
     refreshProbes(idx, end - 1);
     --size_;
     ++epoch_;
+    if (size_ == 0) {
+      // Empty: back to the whole range.
+      lo_ = 0;
+      range_ = kFullRange;
+      scale_ = scaleFor(bits_, range_);
+      refitSize_ = 0;
+    }
     if (bits_ > kMinBits && size_ * 16 < (std::size_t(1) << bits_)) {
       std::uint32_t const bits = std::max(bitsFor(size_ * 2), bitsFor(reserved_));
       if (bits < bits_) {
-        rebuild(bits, 0);
+        // The members left may sit in a narrow part of the range (a backlog
+        // drained from the front): refit it rather than crowd them together.
+        if (!refit(false, 0, bits, false)) rebuild(bits, 0, lo_, range_);
         return true;
       }
     }
-    return false;
+    return end - idx > kRefitProbe && refit(false, 0, bits_, true);
+  }
+
+  // Refits the range to the members (and rev, when pending: a member about to
+  // be inserted) when they sit outside it or in less than half of it, and
+  // rebuilds the table with at least minBits: the members then take a share
+  // of the new range in which they are at most 0.8 (and, when the table has
+  // room, 0.5) to a slot, leaving the rest for members still to come beyond
+  // them, above unless rev is a new lowest. Returns whether it rebuilt. Once
+  // tried (guarded), it is not tried again until the size changed by half.
+  bool refit(bool pending, std::uint32_t rev, std::uint32_t minBits, bool guarded) {
+    if (size_ < kMinRefitSize) return false;
+    if (guarded && refitSize_ != 0 && size_ * 2 < refitSize_ * 3 && size_ * 3 > refitSize_ * 2) return false;
+    if (guarded) refitSize_ = static_cast<std::uint32_t>(std::min<std::size_t>(size_, 0xFFFFFFFFu));
+    // The members' extent, leaving out a few at each end: stragglers (a
+    // member queued again behind a drained backlog) should not keep the bulk
+    // crowded. Left out below the new range, they share its first slots.
+    std::size_t low = firstFull(), high = limit_ - 1;
+    while (states_[high] != kFull) --high;
+    bool const outside = revs_[low] < lo_ || std::uint64_t(revs_[high]) > std::uint64_t(lo_) + range_ ||
+                         (pending && (rev < lo_ || std::uint64_t(rev) > std::uint64_t(lo_) + range_));
+    std::uint32_t const first = revs_[low], top = revs_[high];
+    for (std::size_t skip = 0; skip < kRefitTrim; ++skip) {
+      low = nextFull(low + 1);
+      do --high;
+      while (states_[high] != kFull);
+    }
+    std::uint32_t lo = revs_[low], hi = revs_[high];
+    if (pending) {
+      lo = std::min(lo, rev);
+      hi = std::max(hi, rev);
+    }
+    std::uint64_t const width = hi - lo;
+    if (width == 0 || (!outside && width * 2 > range_)) return false;
+    std::size_t const n = size_ + (pending ? 1 : 0);
+    std::uint32_t const bits = std::max(minBits, bitsFor(2 * n));
+    // Members at 0.5 to a slot over the table, or over its first half when
+    // that makes them denser (up to 0.8, as bitsFor(2n) holds 2.5n).
+    std::uint64_t range = std::max(2 * width, width * (std::uint64_t(1) << bits) / (2 * n));
+    if (pending && rev < first) {
+      // Arriving in descending order: room below, none left out above.
+      hi = top;
+      range = std::min<std::uint64_t>(std::max<std::uint64_t>(range, hi - lo), hi);
+      lo = static_cast<std::uint32_t>(hi - range);
+    } else {
+      range = std::min<std::uint64_t>(range, kFullRange - lo);
+    }
+    rebuild(bits, 0, lo, static_cast<std::uint32_t>(range));
+    return true;
   }
 
   // Moves the members of [from, to) one slot right; slot `to` must be empty.
@@ -642,25 +747,36 @@ class HashMap {
   }
   static void deallocate(void* block) { ::operator delete(block, std::align_val_t(kBlockAlign)); }
 
-  // Rebuilds the table with a main area of 2^bits slots and at least
-  // minOverflow overflow slots. The old table is already in order, so this is
-  // one pass: each member goes to its home or right after the previous one.
-  void rebuild(std::uint32_t bits, std::size_t minOverflow) {
+  // Rebuilds the table with a main area of 2^bits slots, at least
+  // minOverflow overflow slots and the range [lo, lo + range]. The old table
+  // is already in order, so this is one pass: each member goes to its home or
+  // right after the previous one.
+  void rebuild(std::uint32_t bits, std::size_t minOverflow, std::uint32_t lo, std::uint32_t range) {
     std::size_t const main = std::size_t(1) << bits;
-    std::uint32_t const shift = 32 - bits;
+    Storage* const oldMembers = members_;
+    std::uint32_t* const oldRevs = revs_;
+    std::uint8_t* const oldStates = states_;
+    std::size_t const oldLimit = limit_;
+    if (size_ == 0) {
+      lo = 0;
+      range = kFullRange;
+    }
+    lo_ = lo;
+    range_ = range;
+    scale_ = scaleFor(bits, range);
     std::size_t next = 0;
-    for (std::size_t i = 0; i < limit_; ++i) {
-      if (states_[i] == kFull) next = std::max<std::size_t>(revs_[i] >> shift, next) + 1;
+    for (std::size_t i = 0; i < oldLimit; ++i) {
+      if (oldStates[i] == kFull) next = std::max<std::size_t>(homeOf(oldRevs[i]), next) + 1;
     }
     std::size_t overflow = std::max(minOverflow, defaultOverflow(bits));
     if (next > main) overflow = std::max(overflow, (next - main) * 2);
     Table const fresh = allocate(main + overflow + 1);
     next = 0;
     std::size_t first = kEndIdx;
-    for (std::size_t i = 0; i < limit_; ++i) {
-      if (states_[i] != kFull) continue;
-      std::uint32_t const rev = revs_[i];
-      std::size_t const at = std::max<std::size_t>(rev >> shift, next);
+    for (std::size_t i = 0; i < oldLimit; ++i) {
+      if (oldStates[i] != kFull) continue;
+      std::uint32_t const rev = oldRevs[i];
+      std::size_t const at = std::max<std::size_t>(homeOf(rev), next);
       ::new (static_cast<void*>(fresh.members[at].bytes)) Member(std::move(member(i)));
       std::destroy_at(&member(i));
       fresh.revs[at] = rev;
@@ -668,17 +784,14 @@ class HashMap {
       if (first == kEndIdx) first = at;
       next = at + 1;
     }
-    if (block_) deallocate(block_);
-    block_ = fresh.block;
+    if (oldMembers) deallocate(oldMembers);
     members_ = fresh.members;
     revs_ = fresh.revs;
     probes_ = fresh.probes;
     states_ = fresh.states;
     bits_ = bits;
-    shift_ = shift;
-    overflow_ = overflow;
+    overflow_ = static_cast<std::uint32_t>(overflow);
     limit_ = main + overflow;
-    growAt_ = (main * 4) / 5;
     firstHint_ = first == kEndIdx ? 0 : first;
     for (std::size_t i = firstHint_; i < next; ++i) {
       if (states_[i] == kFull) probes_[i] = probeWord(i, revs_[i]);
@@ -687,7 +800,7 @@ class HashMap {
   }
 
   void copyFrom(HashMap const& o) {
-    if (!o.block_) return;
+    if (!o.members_) return;
     Table const t = allocate(o.limit_ + 1);
     std::size_t i = 0;
     try {
@@ -706,7 +819,6 @@ class HashMap {
       deallocate(t.block);
       throw;
     }
-    block_ = t.block;
     members_ = t.members;
     revs_ = t.revs;
     probes_ = t.probes;
@@ -714,15 +826,16 @@ class HashMap {
     size_ = o.size_;
     limit_ = o.limit_;
     overflow_ = o.overflow_;
-    growAt_ = o.growAt_;
     firstHint_ = o.firstHint_;
     reserved_ = o.reserved_;
     bits_ = o.bits_;
-    shift_ = o.shift_;
+    lo_ = o.lo_;
+    range_ = o.range_;
+    scale_ = o.scale_;
+    refitSize_ = o.refitSize_;
   }
 
   void steal(HashMap& o) noexcept {
-    block_ = std::exchange(o.block_, nullptr);
     members_ = std::exchange(o.members_, nullptr);
     revs_ = std::exchange(o.revs_, nullptr);
     probes_ = std::exchange(o.probes_, nullptr);
@@ -730,22 +843,23 @@ class HashMap {
     size_ = std::exchange(o.size_, 0);
     limit_ = std::exchange(o.limit_, 0);
     overflow_ = std::exchange(o.overflow_, 0);
-    growAt_ = std::exchange(o.growAt_, 0);
     firstHint_ = std::exchange(o.firstHint_, 0);
     reserved_ = std::exchange(o.reserved_, 0);
     bits_ = std::exchange(o.bits_, 0);
-    shift_ = std::exchange(o.shift_, 32);
+    lo_ = std::exchange(o.lo_, 0);
+    range_ = std::exchange(o.range_, kFullRange);
+    scale_ = std::exchange(o.scale_, 0);
+    refitSize_ = std::exchange(o.refitSize_, 0);
   }
 
   void release() noexcept {
-    if (!block_) return;
+    if (!members_) return;
     if constexpr (!std::is_trivially_destructible_v<Member>) {
       for (std::size_t i = 0; i < limit_; ++i) {
         if (states_[i] == kFull) std::destroy_at(&member(i));
       }
     }
-    deallocate(block_);
-    block_ = nullptr;
+    deallocate(members_);
     members_ = nullptr;
     revs_ = nullptr;
     probes_ = nullptr;
@@ -753,26 +867,29 @@ class HashMap {
     size_ = 0;
     limit_ = 0;
     overflow_ = 0;
-    growAt_ = 0;
     firstHint_ = 0;
     bits_ = 0;
-    shift_ = 32;
+    lo_ = 0;
+    range_ = kFullRange;
+    scale_ = 0;
+    refitSize_ = 0;
   }
 
-  void* block_ = nullptr;  // the table: limit_ + 1 slots, the last one the sentinel
-  Storage* members_ = nullptr;
+  Storage* members_ = nullptr;       // starts the table's block: limit_ + 1 slots, the last the sentinel
   std::uint32_t* revs_ = nullptr;    // reversed hash per slot, kNoRev when empty
   std::uint16_t* probes_ = nullptr;  // probe word per slot, kNoProbe when empty
   std::uint8_t* states_ = nullptr;   // kEmpty, kFull, kEnd
   std::size_t size_ = 0;
-  std::size_t limit_ = 0;  // main area plus overflow area
-  std::size_t overflow_ = 0;
-  std::size_t growAt_ = 0;             // size at which the main area doubles
+  std::size_t limit_ = 0;              // main area plus overflow area
   mutable std::size_t firstHint_ = 0;  // no member sits before this slot
   std::size_t reserved_ = 0;
   std::uint64_t epoch_ = 0;  // bumped by every change that moves members
-  std::uint32_t bits_ = 0;   // main area is 2^bits_ slots (0: no table)
-  std::uint32_t shift_ = 32;
+  std::uint64_t scale_ = 0;  // scaleFor(bits_, range_)
+  std::uint32_t overflow_ = 0;
+  std::uint32_t refitSize_ = 0;  // size at the last guarded refit (0: none since empty)
+  std::uint32_t bits_ = 0;       // main area is 2^bits_ slots (0: no table)
+  std::uint32_t lo_ = 0;         // the range homes are interpolated over: [lo_, lo_ + range_]
+  std::uint32_t range_ = kFullRange;
   [[no_unique_address]] H hash_;
   [[no_unique_address]] Eq eq_;
 };

@@ -436,6 +436,108 @@ TEST(HashMapTest, SingleHashStillWorks) {
   EXPECT_EQ(m.begin().key().v, 1u);
 }
 
+// Keys in the map's own order, as when one map is filled from another's
+// iteration: the first keys all have small reversed hashes. The range refits
+// to them, so runs stay short while inserting, looking up and draining from
+// the front (bounded probes, where crowded homes used to probe the whole run).
+std::vector<Id> keysInOrder(std::size_t n) {
+  std::vector<Id> keys;
+  for (std::uint64_t i = 0; i < n; ++i) keys.push_back(Id{(std::uint64_t(1 + i % 8) << 44) | i});
+  std::sort(keys.begin(), keys.end(), Model<Vela::HashMap<Id, int>>());
+  return keys;
+}
+
+TEST(HashMapTest, KeysArrivingInOrderKeepProbesShort) {
+  std::vector<Id> const keys = keysInOrder(200000);
+  Vela::HashMap<Id, int> m;
+  std::size_t worst = 0;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    m.insertOrAssign(keys[i], static_cast<int>(i));
+    if (i % 4096 == 0) worst = std::max(worst, m.maxProbeDistance());
+  }
+  worst = std::max(worst, m.maxProbeDistance());
+  EXPECT_LE(worst, 128u);
+  for (std::size_t i = 0; i < keys.size(); ++i) ASSERT_EQ(*m.lookup(keys[i]), static_cast<int>(i)) << i;
+  EXPECT_EQ(keysOf(m), keys);
+
+  // Descending order crowds the other end.
+  Vela::HashMap<Id, int> down;
+  for (std::size_t i = keys.size(); i-- > 150000;) {
+    down.insertOrAssign(keys[i], 0);
+    if (i % 4096 == 0) {
+      EXPECT_LE(down.maxProbeDistance(), 128u) << i;
+    }
+  }
+  EXPECT_EQ(keysOf(down), std::vector<Id>(keys.begin() + 150000, keys.end()));
+}
+
+TEST(HashMapTest, BacklogFilledInOrderDrainsFromTheFrontWithShortProbes) {
+  std::vector<Id> const keys = keysInOrder(200000);
+  Vela::HashMap<Id, int> backlog;
+  for (Id k : keys) backlog.insertOrAssign(k, 0);
+  std::size_t drained = 0;
+  std::size_t worst = 0;
+  for (auto it = backlog.begin(); it != backlog.end(); ++drained) {
+    ASSERT_EQ(it.key(), keys[drained]);
+    it = backlog.erase(it);
+    if (drained % 4096 == 0) worst = std::max(worst, backlog.maxProbeDistance());
+    // Refilling from the front while draining, now and then.
+    if (drained % 50000 == 49999) backlog.insertOrAssign(keys[drained], 0);
+  }
+  EXPECT_LE(worst, 128u);
+  EXPECT_EQ(drained, keys.size());
+  EXPECT_EQ(backlog.size(), 4u);  // the refills landed behind the iterator
+}
+
+TEST(HashMapTest, RefittingTheRangeKeepsTheOrderAndIterators) {
+  std::vector<Id> const keys = keysInOrder(5000);
+  Vela::HashMap<Id, int> m;
+  // Random keys first: the range covers every hash and nothing crowds.
+  std::mt19937_64 rng(5);
+  std::vector<Id> expected(keys.begin(), keys.begin() + 2000);
+  for (Id k : expected) m.insertOrAssign(k, 0);
+  std::shuffle(expected.begin(), expected.end(), rng);
+  Vela::HashMap<Id, int> shuffled;
+  for (Id k : expected) shuffled.insertOrAssign(k, 0);
+  std::sort(expected.begin(), expected.end(), Model<Vela::HashMap<Id, int>>());
+  EXPECT_EQ(keysOf(m), expected);
+  EXPECT_EQ(keysOf(shuffled), expected);
+
+  // An iterator held across inserts that refit the range and grow the table.
+  auto it = m.find(keys[1000]);
+  auto bookmark = m.iterFrom(keys[1999]);
+  for (std::size_t i = 2000; i < keys.size(); ++i) m.insertOrAssign(keys[i], 1);
+  EXPECT_EQ(it.key(), keys[1000]);
+  EXPECT_EQ(std::next(it).key(), keys[1001]);
+  EXPECT_EQ(std::next(bookmark).key(), keys[2000]);
+  EXPECT_EQ(keysOf(m), keys);
+  for (std::size_t i = 0; i < keys.size(); i += 7) EXPECT_EQ(m.iterFrom(keys[i]).key(), keys[i]);
+  EXPECT_EQ(m.iterFrom(Id{~0ull}).key(),
+            *std::lower_bound(keys.begin(), keys.end(), Id{~0ull}, Model<Vela::HashMap<Id, int>>()));
+
+  // Emptied, the map starts over with the whole range; a copy keeps the layout.
+  Vela::HashMap<Id, int> copy = m;
+  EXPECT_EQ(keysOf(copy), keys);
+  EXPECT_EQ(copy.maxProbeDistance(), m.maxProbeDistance());
+  for (Id k : keys) m.erase(k);
+  EXPECT_TRUE(m.empty());
+  for (Id k : expected) m.insertOrAssign(k, 0);
+  EXPECT_EQ(keysOf(m), expected);
+}
+
+TEST(HashMapTest, SmallMapsAreSmall) {
+  Vela::HashMap<std::uint64_t, bool> m;
+  EXPECT_EQ(m.capacity(), 0u);  // nothing allocated
+  m.insertOrAssign(7, true);
+  EXPECT_LE(m.capacity(), 4u);
+  m.insertOrAssign(8, true);
+  EXPECT_LE(m.capacity(), 8u);
+  for (std::uint64_t i = 0; i < 100; ++i) m.insertOrAssign(i, false);
+  for (std::uint64_t i = 0; i < 100; ++i) m.erase(i);
+  EXPECT_TRUE(m.empty());
+  EXPECT_LE(m.capacity(), 8u);  // shrinks back
+}
+
 #ifndef NDEBUG
 TEST(HashMapTest, DereferencingAnIteratorWhoseMemberWasRemovedAsserts) {
   Vela::ScopedAssertionCatcher catcher;
