@@ -98,11 +98,11 @@ class StreamSink : public Sink {
 
 }  // namespace Skein
 
-#define SKEIN_TRACE(level, stream_expr)                                \
-  do {                                                                 \
-    if (::Skein::enabled(level)) [[unlikely]] {                        \
-      std::ostringstream skein_os_;                                    \
-      skein_os_ << stream_expr;                                        \
-      ::Skein::defaultHandle().write(level, skein_os_.str());          \
-    }                                                                  \
+#define SKEIN_TRACE(level, stream_expr)                       \
+  do {                                                        \
+    if (::Skein::enabled(level)) [[unlikely]] {               \
+      std::ostringstream skein_os_;                           \
+      skein_os_ << stream_expr;                               \
+      ::Skein::defaultHandle().write(level, skein_os_.str()); \
+    }                                                         \
   } while (0)

@@ -274,42 +274,42 @@ class Reactor {
 
 // Scalar attribute `name` of type Type: name(), nameIs(v), and the signal
 // name##Changed() that fires when the value changes.
-#define VELA_ATTRIBUTE(Type, name)                                                    \
- public:                                                                              \
-  Type const& name() const { return name##_.get(); }                                  \
-  void name##Is(Type const& v) { name##_.set(v); }                                    \
-  ::Vela::Signal<> const& name##Changed() const { return name##_.changed(); }         \
-                                                                                      \
- private:                                                                             \
+#define VELA_ATTRIBUTE(Type, name)                                            \
+ public:                                                                      \
+  Type const& name() const { return name##_.get(); }                          \
+  void name##Is(Type const& v) { name##_.set(v); }                            \
+  ::Vela::Signal<> const& name##Changed() const { return name##_.changed(); } \
+                                                                              \
+ private:                                                                     \
   ::Vela::Attribute<Type> name##_
 
 // Value collection `name` keyed by Key: name(k) (default when absent),
 // name##Is(k, v), name##Del(k), name##DelAll(), name##s() (the collection, for
 // iteration, size and the per-key signal changed()).
-#define VELA_VALUE_COLLECTION(Key, Value, name, ...)                                   \
- public:                                                                              \
-  Value const& name(Key const& k) const { return name##_.get(k); }                    \
-  void name##Is(Key const& k, Value const& v) { name##_.set(k, v); }                  \
-  void name##Del(Key const& k) { name##_.del(k); }                                    \
-  void name##DelAll() { name##_.delAll(); }                                           \
-  auto const& name##s() const { return name##_; }                                     \
-                                                                                      \
- private:                                                                             \
+#define VELA_VALUE_COLLECTION(Key, Value, name, ...)                 \
+ public:                                                             \
+  Value const& name(Key const& k) const { return name##_.get(k); }   \
+  void name##Is(Key const& k, Value const& v) { name##_.set(k, v); } \
+  void name##Del(Key const& k) { name##_.del(k); }                   \
+  void name##DelAll() { name##_.delAll(); }                          \
+  auto const& name##s() const { return name##_; }                    \
+                                                                     \
+ private:                                                            \
   ::Vela::ValueCollection<Key, Value __VA_OPT__(, ) __VA_ARGS__> name##_
 
 // Owned entity collection `name` keyed by Key, member type Type: name(k) (null
 // when absent), new##Name(k, args...) (creates Type(k, args...) or returns the
 // existing member), name##Del(k), name##DelAll(), name##s().
-#define VELA_ENTITY_COLLECTION(Key, Type, name, Name, ...)                             \
- public:                                                                              \
-  ::Vela::Ptr<Type> name(Key const& k) const { return name##_.get(k); }               \
-  template <class... A>                                                               \
-  ::Vela::Ptr<Type> new##Name(Key const& k, A&&... a) {                               \
-    return name##_.newMember(k, std::forward<A>(a)...);                               \
-  }                                                                                   \
-  void name##Del(Key const& k) { name##_.del(k); }                                    \
-  void name##DelAll() { name##_.delAll(); }                                           \
-  auto const& name##s() const { return name##_; }                                     \
-                                                                                      \
- private:                                                                             \
+#define VELA_ENTITY_COLLECTION(Key, Type, name, Name, ...)              \
+ public:                                                                \
+  ::Vela::Ptr<Type> name(Key const& k) const { return name##_.get(k); } \
+  template <class... A>                                                 \
+  ::Vela::Ptr<Type> new##Name(Key const& k, A&&... a) {                 \
+    return name##_.newMember(k, std::forward<A>(a)...);                 \
+  }                                                                     \
+  void name##Del(Key const& k) { name##_.del(k); }                      \
+  void name##DelAll() { name##_.delAll(); }                             \
+  auto const& name##s() const { return name##_; }                       \
+                                                                        \
+ private:                                                               \
   ::Vela::EntityCollection<Key, Type __VA_OPT__(, ) __VA_ARGS__> name##_

@@ -102,10 +102,10 @@ struct ValueTraits<E> {
 
 }  // namespace Vela
 
-#define VELA_ENUM(Name, Underlying, QualifiedName, ...)                                      \
-  enum class Name : Underlying { __VA_ARGS__ };                                              \
-  inline ::Vela::EnumInfo const& velaEnumInfo(Name const*) {                                 \
-    static ::Vela::EnumInfo const info(QualifiedName, #__VA_ARGS__);                         \
-    return info;                                                                             \
-  }                                                                                          \
+#define VELA_ENUM(Name, Underlying, QualifiedName, ...)              \
+  enum class Name : Underlying { __VA_ARGS__ };                      \
+  inline ::Vela::EnumInfo const& velaEnumInfo(Name const*) {         \
+    static ::Vela::EnumInfo const info(QualifiedName, #__VA_ARGS__); \
+    return info;                                                     \
+  }                                                                  \
   inline std::ostream& operator<<(std::ostream& os, Name v) { return os << ::Vela::enumName(v); }

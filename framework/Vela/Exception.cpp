@@ -56,9 +56,8 @@ void assertionFailed(AssertionSite const& site) {
 }
 
 ScopedAssertionCatcher::ScopedAssertionCatcher()
-    : previous_(assertionHandlerIs([](AssertionSite const& site) {
-        throw AssertionFailure(std::string(site.condition));
-      })) {}
+    : previous_(assertionHandlerIs(
+          [](AssertionSite const& site) { throw AssertionFailure(std::string(site.condition)); })) {}
 
 ScopedAssertionCatcher::~ScopedAssertionCatcher() { assertionHandlerIs(std::move(previous_)); }
 

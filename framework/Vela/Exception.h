@@ -74,15 +74,15 @@ class ScopedAssertionCatcher {
 }  // namespace Vela
 
 // Fatal assertion whose failure text is the stringified condition.
-#define VELA_ASSERT(cond)                                                                           \
-  do {                                                                                              \
-    if (!(cond)) [[unlikely]]                                                                       \
-      ::Vela::assertionFailed(::Vela::AssertionSite{#cond, __FILE__, __LINE__, __func__});          \
+#define VELA_ASSERT(cond)                                                                  \
+  do {                                                                                     \
+    if (!(cond)) [[unlikely]]                                                              \
+      ::Vela::assertionFailed(::Vela::AssertionSite{#cond, __FILE__, __LINE__, __func__}); \
   } while (0)
 
 // Fatal assertion with a fixed failure text (the text operators see), checked on cond.
-#define VELA_ASSERT_TEXT(cond, text)                                                                \
-  do {                                                                                              \
-    if (!(cond)) [[unlikely]]                                                                       \
-      ::Vela::assertionFailed(::Vela::AssertionSite{text, __FILE__, __LINE__, __func__});           \
+#define VELA_ASSERT_TEXT(cond, text)                                                      \
+  do {                                                                                    \
+    if (!(cond)) [[unlikely]]                                                             \
+      ::Vela::assertionFailed(::Vela::AssertionSite{text, __FILE__, __LINE__, __func__}); \
   } while (0)

@@ -68,11 +68,8 @@ struct Hash<K> {
 };
 
 template <class K>
-  requires(std::is_integral_v<K> || std::is_enum_v<K>)
-struct Hash<K> {
-  std::uint32_t operator()(K k) const noexcept {
-    return mix64(static_cast<std::uint64_t>(k));
-  }
+requires(std::is_integral_v<K> || std::is_enum_v<K>) struct Hash<K> {
+  std::uint32_t operator()(K k) const noexcept { return mix64(static_cast<std::uint64_t>(k)); }
 };
 
 template <>
@@ -81,7 +78,7 @@ struct Hash<std::string> {
 };
 
 template <class K>
-  requires std::is_floating_point_v<K>
+requires std::is_floating_point_v<K>
 struct Hash<K> {
   std::uint32_t operator()(K k) const noexcept {
     if (k == K(0)) k = K(0);  // +0 and -0 are equal, so they hash alike

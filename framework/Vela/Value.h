@@ -143,8 +143,7 @@ struct ValueTraits<bool> {
 // Numbers: integers in decimal, floating point in its shortest round-trip
 // form; reading checks the range of T.
 template <class T>
-  requires(std::is_arithmetic_v<T> && !std::is_same_v<T, bool>)
-struct ValueTraits<T> {
+requires(std::is_arithmetic_v<T> && !std::is_same_v<T, bool>) struct ValueTraits<T> {
   static void write(std::string& out, T v) {
     char buf[40];
     auto r = std::to_chars(buf, buf + sizeof buf, v);
@@ -176,8 +175,7 @@ concept HasStrep = requires(T const& v, std::string_view s) {
 };
 
 template <class T>
-  requires(HasStrep<T> && !ValueType<T>)
-struct ValueTraits<T> {
+requires(HasStrep<T> && !ValueType<T>) struct ValueTraits<T> {
   static void write(std::string& out, T const& v) { writeQuoted(out, v.toStrep()); }
   static T read(ValueParser& p) { return T::fromStrep(p.quoted()); }
 };
@@ -267,14 +265,12 @@ bool valueLess(T const& a, T const& b) {
 template <ValueType T>
 std::uint32_t valueHash(T const& v) {
   std::uint32_t h = 0x2545f491u;
-  std::apply([&](auto const&... f) { ((h = hashCombine(h, hashOf(v.*(f.member)))), ...); },
-             T::valueFields());
+  std::apply([&](auto const&... f) { ((h = hashCombine(h, hashOf(v.*(f.member)))), ...); }, T::valueFields());
   return mix32(h);
 }
 
 template <ValueType T>
-  requires(!HasHashMember<T>)
-struct Hash<T> {
+requires(!HasHashMember<T>) struct Hash<T> {
   std::uint32_t operator()(T const& v) const noexcept { return valueHash(v); }
 };
 

@@ -1,9 +1,9 @@
 // Static tunnel configuration entries and the Config entity.
-#include "Static/StaticTunnelConfig.h"
-
 #include <gtest/gtest.h>
 
 #include <random>
+
+#include "Static/StaticTunnelConfig.h"
 
 namespace {
 
@@ -66,12 +66,13 @@ TEST(StaticTunnelConfigEntryTest, RandomEntriesRoundTrip) {
 
 TEST(StaticTunnelConfigEntryTest, MalformedTextIsARangeError) {
   auto const good = Vela::valueToStrep(sampleEntry());
-  for (std::string bad : {std::string(""), good.substr(0, good.size() - 2), good + "x",
-                          std::string("Value('Tunnel::Static::Other', ** {})"),
-                          std::string("Value('Tunnel::Static::StaticTunnelConfigEntry', ** {'name': 't', 'tep': "
-                                      "'10.0.0.300/32', 'nexthop': '', 'intfId': '', 'labels': 'none'})"),
-                          std::string("Value('Tunnel::Static::StaticTunnelConfigEntry', ** {'name': 't', 'tep': "
-                                      "'', 'nexthop': '', 'intfId': '', 'labels': 'push 1 2 3 4 5 6 7'})")}) {
+  for (std::string bad :
+       {std::string(""), good.substr(0, good.size() - 2), good + "x",
+        std::string("Value('Tunnel::Static::Other', ** {})"),
+        std::string("Value('Tunnel::Static::StaticTunnelConfigEntry', ** {'name': 't', 'tep': "
+                    "'10.0.0.300/32', 'nexthop': '', 'intfId': '', 'labels': 'none'})"),
+        std::string("Value('Tunnel::Static::StaticTunnelConfigEntry', ** {'name': 't', 'tep': "
+                    "'', 'nexthop': '', 'intfId': '', 'labels': 'push 1 2 3 4 5 6 7'})")}) {
     EXPECT_THROW(StaticTunnelConfigEntry::fromValueStrep(bad), Vela::RangeException) << bad;
   }
 }

@@ -1,9 +1,8 @@
 // The in-process state database: paths, publication, and mounts that
 // complete through the event loop.
-#include "framework/Corvel/EntityManager.h"
-
 #include <gtest/gtest.h>
 
+#include "framework/Corvel/EntityManager.h"
 #include "framework/Plinth/CAgent.h"
 
 namespace {

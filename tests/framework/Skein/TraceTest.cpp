@@ -1,8 +1,8 @@
 // Levelled trace: filtering, capture, the ring buffer, and no formatting
 // work when a level is off.
-#include "framework/Skein/Trace.h"
-
 #include <gtest/gtest.h>
+
+#include "framework/Skein/Trace.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 // Entities, their notifying attributes and collections, and reactors.
-#include "framework/Vela/Entity.h"
-
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <vector>
+
+#include "framework/Vela/Entity.h"
 
 namespace {
 
@@ -137,7 +137,7 @@ TEST(EntityTest, ReactorDeletedInsideItsOwnHandler) {
   r->notifierIs(box);
   r->onSize = [&] { r.reset(); };
   Box* raw = box.get();
-  box = nullptr;  // the reactor holds the last reference now
+  box = nullptr;   // the reactor holds the last reference now
   raw->sizeIs(1);  // the handler drops the reactor and with it the box
   EXPECT_EQ(r, nullptr);
 }

@@ -1,10 +1,10 @@
 // The notification rules of Vela::Signal, one test each.
-#include "framework/Vela/Signal.h"
-
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <vector>
+
+#include "framework/Vela/Signal.h"
 
 namespace {
 

@@ -1,10 +1,9 @@
 // The generic value mechanism: one field list gives equality, ordering,
 // hashing and the textual form, and parsing reads that form back.
-#include "framework/Vela/Value.h"
-
 #include <gtest/gtest.h>
 
 #include "framework/Vela/Enum.h"
+#include "framework/Vela/Value.h"
 
 namespace Demo {
 
@@ -24,10 +23,11 @@ class Label : public Point {
  public:
   static constexpr char const* valueTypeName = "Demo::Label";
   static constexpr auto valueFields() {
-    return std::tuple_cat(Point::valueFields(),
-                          std::make_tuple(Vela::field("text", &Label::text), Vela::field("colour", &Label::colour),
-                                          Vela::field("visible", &Label::visible),
-                                          Vela::field("weight", &Label::weight), Vela::field("at", &Label::at)));
+    return std::tuple_cat(
+        Point::valueFields(),
+        std::make_tuple(Vela::field("text", &Label::text), Vela::field("colour", &Label::colour),
+                        Vela::field("visible", &Label::visible), Vela::field("weight", &Label::weight),
+                        Vela::field("at", &Label::at)));
   }
   std::string text;
   Colour colour = Colour::red;
