@@ -1,0 +1,187 @@
+// Tunnel FIB entities: entries compare their vias as sets and print them as
+// None; the FIBs notify per tunnel and only on a real change; absent tunnels
+// read as the empty entry.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <initializer_list>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "TunnelFib/TunnelFib.h"
+#include "framework/Vela/Hash.h"
+#include "framework/Vela/Value.h"
+
+namespace {
+
+using Nimbo::IntfId;
+using Nimbo::IpGenAddr;
+using Nimbo::MplsLabelOperation;
+using namespace Tunnel::TunnelFib;
+using Tunnel::TunnelTable::EncapType;
+using Tunnel::TunnelTable::TunnelType;
+
+TunnelId tunnel(TunnelType type, std::uint64_t index) {
+  return TunnelId(TunnelId::convertToTunnelValue(type, index));
+}
+
+MplsVia mplsVia(char const* nexthop, std::uint64_t intf, std::initializer_list<std::uint32_t> labels) {
+  return MplsVia(IpGenAddr(std::string_view(nexthop)), IntfId(intf), MplsLabelOperation::pushOf(labels));
+}
+
+TunnelVia tunnelVia(char const* nexthop, std::uint64_t intf, std::uint32_t encapIndex) {
+  return TunnelVia(IpGenAddr(std::string_view(nexthop)), IntfId(intf),
+                   EncapId(EncapType::mplsEncap, encapIndex));
+}
+
+TEST(TunnelFibTest, EntriesPrintTheirIdAndNoneForTheVias) {
+  MplsTunnelFibEntry mpls(tunnel(TunnelType::ldpTunnel, 26));
+  mpls.viaIs(mplsVia("10.1.0.1", 1, {16}), true);
+  mpls.viaIs(mplsVia("10.1.0.2", 2, {17, 18}), true);
+  EXPECT_EQ(Vela::valueToStrep(mpls),
+            "Value('Tunnel::TunnelFib::MplsTunnelFibEntry', ** {'tunnelId': 52776558133274, 'via': None})");
+  std::ostringstream os;
+  os << mpls;
+  EXPECT_EQ(os.str(), Vela::valueToStrep(mpls));
+
+  TunnelFibEntry entry(tunnel(TunnelType::staticInterfaceTunnel, 11));
+  entry.tunnelViaIs(tunnelVia("10.1.0.1", 1, 5), true);
+  EXPECT_EQ(
+      Vela::valueToStrep(entry),
+      "Value('Tunnel::TunnelFib::TunnelFibEntry', ** {'tunnelId': 158329674399755, 'tunnelVia': None})");
+  EXPECT_EQ(Vela::valueToStrep(MplsTunnelFibEntry()),
+            "Value('Tunnel::TunnelFib::MplsTunnelFibEntry', ** {'tunnelId': 0, 'via': None})");
+}
+
+TEST(TunnelFibTest, EntriesCompareTheirViasAsSets) {
+  TunnelId const id = tunnel(TunnelType::bgpLuTunnel, 1);
+  MplsVia const v1 = mplsVia("10.1.0.1", 1, {16});
+  MplsVia const v2 = mplsVia("10.1.0.2", 2, {17, 3000});
+  MplsVia const v3 = mplsVia("10.1.0.3", 3, {18});
+
+  MplsTunnelFibEntry a(id);
+  a.viaIs(v1, true);
+  a.viaIs(v2, true);
+  a.viaIs(v3, true);
+  MplsTunnelFibEntry b(id);
+  b.viaIs(v3, true);
+  b.viaIs(v2, true);
+  b.viaIs(v1, true);
+  EXPECT_EQ(a, b);
+  EXPECT_EQ(Vela::hashOf(a), Vela::hashOf(b));
+
+  MplsTunnelFibEntry otherId(tunnel(TunnelType::bgpLuTunnel, 2));
+  otherId.viaIs(v1, true);
+  otherId.viaIs(v2, true);
+  otherId.viaIs(v3, true);
+  EXPECT_NE(a, otherId);  // the id alone
+
+  b.viaDel(v2);
+  EXPECT_FALSE(b.via(v2));
+  EXPECT_NE(a, b);
+  EXPECT_NE(b, a);
+  b.viaIs(mplsVia("10.1.0.2", 2, {17, 3001}), true);  // the same size, one label differs
+  EXPECT_NE(a, b);
+  b.viaDelAll();
+  EXPECT_TRUE(b.vias().empty());
+  EXPECT_FALSE(!b);  // still names its tunnel
+
+  TunnelFibEntry t1(id);
+  TunnelFibEntry t2(id);
+  t1.tunnelViaIs(tunnelVia("10.1.0.1", 1, 1), true);
+  t1.tunnelViaIs(tunnelVia("10.1.0.1", 1, 2), true);
+  t2.tunnelViaIs(tunnelVia("10.1.0.1", 1, 2), true);
+  EXPECT_NE(t1, t2);
+  t2.tunnelViaIs(tunnelVia("10.1.0.1", 1, 1), true);
+  EXPECT_EQ(t1, t2);
+  EXPECT_TRUE(t2.tunnelVia(tunnelVia("10.1.0.1", 1, 1)));
+  t2.tunnelViaDel(tunnelVia("10.1.0.1", 1, 1));
+  EXPECT_EQ(t2.tunnelVias().size(), 1u);
+  t2.tunnelViaDelAll();
+  EXPECT_TRUE(t2.tunnelVias().empty());
+}
+
+TEST(TunnelFibTest, MplsFibNotifiesOnlyOnRealChanges) {
+  auto const fib = mplsTunnelFibFactory("mplsTunnelFib");
+  EXPECT_EQ(fib->typeName(), "Tunnel::TunnelFib::MplsTunnelFib");
+  std::vector<TunnelId> told;
+  auto const sub = fib->entrys().changed().connect([&](TunnelId const& id) { told.push_back(id); });
+
+  TunnelId const id = tunnel(TunnelType::ldpTunnel, 1);
+  // Absent: the empty entry, equal to a default-constructed one.
+  EXPECT_EQ(fib->entry(id), MplsTunnelFibEntry());
+  EXPECT_TRUE(!fib->entry(id));
+
+  MplsTunnelFibEntry entry(id);
+  entry.viaIs(mplsVia("10.1.0.1", 1, {16}), true);
+  entry.viaIs(mplsVia("10.1.0.2", 2, {17}), true);
+  fib->newEntry(entry);
+  EXPECT_EQ(told, std::vector<TunnelId>{id});
+
+  // Equal, the vias inserted the other way round: nothing to tell.
+  MplsTunnelFibEntry same(id);
+  same.viaIs(mplsVia("10.1.0.2", 2, {17}), true);
+  same.viaIs(mplsVia("10.1.0.1", 1, {16}), true);
+  fib->entryIs(same);
+  EXPECT_EQ(told.size(), 1u);
+
+  same.viaDel(mplsVia("10.1.0.2", 2, {17}));
+  fib->entryIs(same);
+  EXPECT_EQ(told.size(), 2u);
+  EXPECT_EQ(fib->entry(id).vias().size(), 1u);
+
+  TunnelId const other = tunnel(TunnelType::srTunnel, 1);
+  MplsTunnelFibEntry otherEntry(other);
+  otherEntry.viaIs(mplsVia("10.1.0.3", 3, {18}), true);
+  fib->entryIs(otherEntry);
+  std::vector<TunnelId> present;
+  for (auto it = fib->entrys().begin(); it != fib->entrys().end(); ++it) {
+    EXPECT_EQ(it.key(), it.value().tunnelId());
+    present.push_back(it.key());
+  }
+  EXPECT_EQ(present.size(), 2u);
+
+  fib->entryDel(id);
+  fib->entryDel(id);  // absent by now
+  EXPECT_EQ(told, (std::vector<TunnelId>{id, id, other, id}));
+  fib->entryDelAll();
+  EXPECT_EQ(told.back(), other);
+  EXPECT_TRUE(fib->entrys().empty());
+}
+
+TEST(TunnelFibTest, TunnelFibKeepsEntriesAndEncapsulationsPerKey) {
+  auto const fib = tunnelFibFactory("tunnelFib");
+  EXPECT_EQ(fib->typeName(), "Tunnel::TunnelFib::TunnelFib");
+  int entryTold = 0;
+  int encapTold = 0;
+  auto const s1 = fib->entrys().changed().connect([&](TunnelId const&) { ++entryTold; });
+  auto const s2 = fib->labelStacks().changed().connect([&](EncapId const&) { ++encapTold; });
+
+  TunnelId const id = tunnel(TunnelType::staticInterfaceTunnel, 3);
+  TunnelFibEntry entry(id);
+  entry.tunnelViaIs(tunnelVia("10.1.0.1", 1, 1), true);
+  fib->entryIs(entry);
+  fib->entryIs(entry);
+  EXPECT_EQ(entryTold, 1);
+  EXPECT_EQ(fib->entry(id), entry);
+  EXPECT_EQ(fib->entry(tunnel(TunnelType::staticInterfaceTunnel, 4)), TunnelFibEntry());
+  fib->entryDel(id);
+  EXPECT_EQ(entryTold, 2);
+
+  EncapId const mpls(EncapType::mplsEncap, 1);
+  fib->labelStackIs(mpls, MplsLabelOperation::pushOf({16}));
+  fib->labelStackIs(mpls, MplsLabelOperation::pushOf({16}));
+  EXPECT_EQ(encapTold, 1);
+  Tunnel::GreTunnelInfo greInfo;
+  greInfo.ttlIs(64);
+  fib->greEncapIs(EncapId(EncapType::greEncap, 1), greInfo);
+  fib->ipsecEncapIs(EncapId(EncapType::ipSecEncap, 1), Tunnel::IpsecTunnelInfo());
+  EXPECT_EQ(fib->greEncap(EncapId(EncapType::greEncap, 1)), greInfo);
+  EXPECT_TRUE(fib->ipsecEncaps().contains(EncapId(EncapType::ipSecEncap, 1)));
+  fib->labelStackDel(mpls);
+  EXPECT_EQ(encapTold, 2);
+  EXPECT_EQ(fib->labelStack(mpls), MplsLabelOperation());
+}
+
+}  // namespace

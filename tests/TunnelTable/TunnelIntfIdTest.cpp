@@ -1,0 +1,114 @@
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+#include "TunnelTable/TunnelBasicTypes.h"
+#include "TunnelTable/TunnelIntfId.h"
+#include "framework/Vela/Exception.h"
+#include "framework/Vela/Value.h"
+
+namespace Tunnel::TunnelTable {
+namespace {
+
+using Nimbo::DynamicTunnelIntfId;
+using Nimbo::GenericIntfId;
+using Nimbo::IntfId;
+
+// The name computed here from the layout, independently of the code under test.
+std::string expectedName(std::uint64_t value) {
+  return Vela::format("DynamicTunnel%u.%u", static_cast<unsigned>(value >> 23),
+                      static_cast<unsigned>(value & 0x7FFFFF));
+}
+
+TEST(DynamicTunnelIntfIdTest, LdpTunnelFiveIsDynamicTunnel6291456Dot5) {
+  TunnelId const ldp(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, 5));
+  ASSERT_EQ(ldp.value(), 0x300000000005u);
+  IntfId const intf = ldp.intfId();
+  EXPECT_EQ(intf.toStrep(), "DynamicTunnel6291456.5");
+  EXPECT_EQ(intf, IntfId("DynamicTunnel6291456.5"));
+  EXPECT_EQ(GenericIntfId::typeId(intf), 58);
+  EXPECT_EQ(GenericIntfId::part(intf, 0), 5u);
+  EXPECT_EQ(GenericIntfId::part(intf, 1), 6291456u);
+  EXPECT_TRUE(DynamicTunnelIntfId::isDynamicTunnelIntfId(intf));
+  EXPECT_EQ(DynamicTunnelIntfId::tunnelId(intf), ldp.value());
+}
+
+TEST(DynamicTunnelIntfIdTest, OrdinaryAndOtherGenericInterfacesCarryNoTunnel) {
+  for (IntfId const i :
+       {IntfId(), IntfId("Ethernet1"), IntfId("Tunnel5"), IntfId("Intf7"), GenericIntfId::intfId(57, 5, 6)}) {
+    EXPECT_FALSE(DynamicTunnelIntfId::isDynamicTunnelIntfId(i)) << i;
+    EXPECT_EQ(DynamicTunnelIntfId::tunnelId(i), 0u) << i;
+  }
+}
+
+TEST(DynamicTunnelIntfIdTest, EdgeValues) {
+  // The invalid id maps to DynamicTunnel0.0 and comes back as the invalid id.
+  IntfId const zero = TunnelId::invalid.intfId();
+  EXPECT_EQ(zero.toStrep(), "DynamicTunnel0.0");
+  EXPECT_EQ(TunnelId(DynamicTunnelIntfId::tunnelId(zero)), TunnelId::invalid);
+
+  TunnelId const max(TunnelId::maxValue);
+  EXPECT_EQ(GenericIntfId::part(max.intfId(), 1), 33554431u);
+  EXPECT_EQ(GenericIntfId::part(max.intfId(), 0), 8388607u);
+  EXPECT_EQ(max.intfId().toStrep(), "DynamicTunnel33554431.8388607");
+  EXPECT_EQ(DynamicTunnelIntfId::tunnelId(max.intfId()), TunnelId::maxValue);
+
+  // Part 0 ends exactly at bit 22.
+  EXPECT_EQ(TunnelId(0x7FFFFF).intfId().toStrep(), "DynamicTunnel0.8388607");
+  EXPECT_EQ(TunnelId(0x800000).intfId().toStrep(), "DynamicTunnel1.0");
+
+  EXPECT_THROW(DynamicTunnelIntfId::tunnelIdToIntfId(TunnelId::maxValue + 1), Vela::RangeException);
+  EXPECT_THROW(DynamicTunnelIntfId::tunnelIdToIntfId(~0ull), Vela::RangeException);
+}
+
+TEST(DynamicTunnelIntfIdTest, StaticInterfaceTunnelsGiveTheirRealInterface) {
+  for (bool v6 : {false, true}) {
+    std::uint64_t const indexAndAf = 7 | (v6 ? tunnelAfMask() : 0);
+    TunnelId const id(TunnelId::convertToTunnelValue(TunnelType::staticInterfaceTunnel, indexAndAf));
+    EXPECT_EQ(id.intfId(), IntfId(7)) << v6;
+    EXPECT_FALSE(DynamicTunnelIntfId::isDynamicTunnelIntfId(id.intfId()));
+  }
+  IntfId const eth = IntfId::ethernet(3, 1);
+  TunnelId const id(TunnelId::convertToTunnelValue(TunnelType::staticInterfaceTunnel, eth.value()));
+  EXPECT_EQ(id.intfId().toStrep(), "Ethernet3/1");
+}
+
+TEST(DynamicTunnelIntfIdTest, InversePairOverRandomIds) {
+  std::uint32_t const seed = 4242;
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937_64 rng(seed);
+  for (int i = 0; i < 2000; ++i) {
+    std::uint64_t value = rng() & TunnelId::maxValue;
+    if ((value >> 44) == 9) value ^= std::uint64_t(1) << 44;  // not a static interface tunnel
+    TunnelId const t(value);
+    IntfId const intf = t.intfId();
+    ASSERT_EQ(DynamicTunnelIntfId::tunnelId(intf), value) << value;
+    ASSERT_EQ(DynamicTunnelIntfId::tunnelIdToIntfId(value), intf) << value;
+    ASSERT_EQ(intf.toStrep(), expectedName(value)) << value;
+    ASSERT_EQ(IntfId(expectedName(value)), intf) << value;
+  }
+}
+
+TEST(DynamicTunnelIntfIdTest, IsAValueOverTheInterface) {
+  DynamicTunnelIntfId const byName(std::string("DynamicTunnel6291456.5"));
+  DynamicTunnelIntfId const byIntf(DynamicTunnelIntfId::tunnelIdToIntfId(0x300000000005));
+  EXPECT_EQ(byName, byIntf);
+  EXPECT_EQ(byName.toStrep(), "DynamicTunnel6291456.5");
+  EXPECT_EQ(byName.hash(), byIntf.intfId().hash());
+  EXPECT_LT(DynamicTunnelIntfId(std::string("DynamicTunnel6291456.5")),
+            DynamicTunnelIntfId(std::string("DynamicTunnel6291456.6")));
+  EXPECT_TRUE(DynamicTunnelIntfId().isEmpty());
+  EXPECT_EQ(DynamicTunnelIntfId(std::string()), DynamicTunnelIntfId());
+
+  // Inside value texts it is its quoted name.
+  EXPECT_EQ(Vela::valueToStrep(byName), "'DynamicTunnel6291456.5'");
+  EXPECT_EQ(Vela::parseValue<DynamicTunnelIntfId>("'DynamicTunnel6291456.5'"), byName);
+
+  EXPECT_THROW(DynamicTunnelIntfId(std::string("Ethernet1")), Vela::RangeException);
+  EXPECT_THROW(DynamicTunnelIntfId(IntfId("Tunnel5")), Vela::RangeException);
+  EXPECT_THROW(DynamicTunnelIntfId(std::string("DynamicTunnel33554432.0")), Vela::RangeException);
+}
+
+}  // namespace
+}  // namespace Tunnel::TunnelTable
