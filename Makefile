@@ -28,7 +28,7 @@ SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 # Our sources: everything except build trees and the git metadata.
 FORMAT_FILES = find . \( -path ./build -o -path ./.git \) -prune -o -type f \( -name '*.h' -o -name '*.cpp' \) -print0
 
-.PHONY: deps build build-asan test bench format format-check clean
+.PHONY: deps build build-asan test bench run format format-check clean
 
 deps:
 	@missing=""; \
@@ -88,6 +88,10 @@ bench: build
 	  if [ -f "$$exe" ] && [ -x "$$exe" ]; then found=1; echo "== $$exe"; "$$exe" $(BENCH_ARGS); fi; \
 	done; \
 	if [ $$found = 0 ]; then echo "bench: no benchmarks in $(RELEASE_DIR)/bench"; fi
+
+# Runs the agent on the bundled provider-edge example.
+run: deps build
+	$(RELEASE_DIR)/tools/tunnel-agent run examples/provider-edge.json
 
 format:
 	@$(FORMAT_FILES) | xargs -0 -r $(CLANG_FORMAT) -i
