@@ -118,6 +118,21 @@ TEST(ServeTest, JsonAnswersAreOneObjectPerLine) {
   EXPECT_EQ(answers[2]["views"][1]["addresses"], nlohmann::json::array());
 }
 
+TEST(ServeTest, ALineThatIsNotUtf8IsRejectedInValidJson) {
+  // The parser's message quotes the offending byte; the answer must still
+  // be printable JSON.
+  Served const s = serve("\xb9\n" + addLdp1 + "\n", true);
+  EXPECT_EQ(s.status, exitBadInput);
+  std::istringstream lines(s.out);
+  std::string first, second;
+  std::getline(lines, first);
+  std::getline(lines, second);
+  auto const rejected = nlohmann::json::parse(first);
+  EXPECT_EQ(rejected["line"], 1);
+  EXPECT_EQ(rejected["ok"], false);
+  EXPECT_EQ(nlohmann::json::parse(second)["ok"], true);
+}
+
 TEST(ServeTest, StartsFromAScenarioWithoutPlayingItsTimeline) {
   Served const s = serve(
       R"({"show": ["unprogrammable"]})"

@@ -219,7 +219,7 @@ int runScenarioText(RunOptions const& options, std::string const& name, std::str
       printViews(finalViews, lab, out, json ? &views : nullptr);
       report["final"] = {{"views", views}};
     }
-    if (json) out << report.dump(2) << "\n";
+    if (json) out << jsonText(report, 2) << "\n";
     if (dot.is_open()) dot << renderDot(lab);
   } catch (Vela::Exception const& e) {
     err << "tunnel-agent: the tunnel library failed: " << e.what() << "\n";
@@ -289,7 +289,7 @@ class Server {
       for (auto const& action : step.actions) applied.push_back(describe(action));
       Json views = Json::array();
       printViews(step.show, lab_, out_, &views);
-      out_ << Json{{"line", lineNo}, {"ok", true}, {"applied", applied}, {"views", views}}.dump() << "\n";
+      out_ << jsonText(Json{{"line", lineNo}, {"ok", true}, {"applied", applied}, {"views", views}}) << "\n";
     } else {
       out_ << "line " << lineNo << ": ok";
       if (!step.actions.empty()) {
@@ -316,7 +316,7 @@ class Server {
         if (i < positions.size() && positions[i].known()) e["column"] = positions[i].column;
         errors.push_back(e);
       }
-      out_ << Json{{"line", lineNo}, {"ok", false}, {"errors", errors}}.dump() << "\n";
+      out_ << jsonText(Json{{"line", lineNo}, {"ok", false}, {"errors", errors}}) << "\n";
     } else {
       out_ << "line " << lineNo << ": rejected, nothing applied\n";
       for (std::size_t i = 0; i < diagnostics.size(); ++i) {

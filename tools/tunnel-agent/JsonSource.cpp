@@ -41,9 +41,13 @@ void appendUtf8(std::string& out, std::uint32_t cp) {
 
 }  // namespace
 
+std::string jsonText(nlohmann::json const& value, int indent) {
+  return value.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 std::string childPath(std::string const& parent, std::string_view key) {
   if (isIdentifier(key)) return parent.empty() ? std::string(key) : parent + "." + std::string(key);
-  return parent + "[" + nlohmann::json(std::string(key)).dump() + "]";
+  return parent + "[" + jsonText(nlohmann::json(std::string(key))) + "]";
 }
 
 std::string indexPath(std::string const& parent, std::size_t index) {

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstddef>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -29,6 +30,10 @@ struct SourcePosition {
 
   bool known() const { return line != 0; }
 };
+
+// The JSON text of `value`. Strings from the input may hold bytes that are
+// not UTF-8; they are written as U+FFFD instead of failing the whole answer.
+std::string jsonText(nlohmann::json const& value, int indent = -1);
 
 // The path of member `key` of the value at `parent` ("" is the document).
 std::string childPath(std::string const& parent, std::string_view key);

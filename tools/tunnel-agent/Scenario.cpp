@@ -345,7 +345,7 @@ std::string kindOfJson(Json const& j) {
 
 // The value as written, shortened for messages.
 std::string shown(Json const& j) {
-  std::string text = j.dump();
+  std::string text = jsonText(j);
   if (text.size() > 40) text = text.substr(0, 37) + "...";
   return text;
 }
