@@ -571,6 +571,27 @@ TEST_F(TunnelRibSmTest, BrokenInvariantsFailTheirAssertions) {
   }
 }
 
+// Ordinary table changes reach the metric assertion: the id that moved to
+// another TEP stays under its old one, turns non-contributing there (its
+// removal deletes nothing under the old TEP), and when its companion goes,
+// the old TEP's metrics are copied from it.
+TEST_F(TunnelRibSmTest, IdLeftUnderItsOldTepReachesTheMetricAssertion) {
+  auto const tep1 = prefix("10.0.0.1/32"), tep2 = prefix("10.0.0.2/32");
+  start();
+  addBgpLu(bgpLuId(1), tep1);
+  addBgpLu(bgpLuId(2), tep1);
+  addBgpLu(bgpLuId(1), tep2);
+  addBgpLu(bgpLuId(1), tep2, {}, ContributionToTunnelRIB::nonContributing);
+  EXPECT_EQ(ribIds(tep1), ids({bgpLuId(1), bgpLuId(2)}));
+  Vela::ScopedAssertionCatcher catcher;
+  try {
+    deleteBgpLu(bgpLuId(2));
+    ADD_FAILURE() << "no assertion";
+  } catch (Vela::AssertionFailure const& e) {
+    EXPECT_STREQ(e.what(), "!!luEntry && luEntry.contribution() == contributing()");
+  }
+}
+
 // A non-contributing BGP LU id can be in the tunnel RIB only if it was left
 // there by an earlier run (stale ids of unprogrammable tunnels are kept).
 TEST_F(TunnelRibSmTest, NonContributingBgpLuLeavingTheSetMustNotBeInTheRib) {
