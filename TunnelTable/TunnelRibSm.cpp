@@ -283,14 +283,15 @@ TunnelRib& TunnelRibSm::protoTunnelRib(TunnelType type) const {
 
 // --- table handlers ------------------------------------------------------------------------------------
 
-void TunnelRibSm::handleBgpLuTunnelEntry(TunnelId const& id) {
-  SKEIN_TRACE(8, kFnHandleBgpLuTunnelEntryId << " tunnel ID " << id);
-  if (isUnprogrammable(id)) {
-    SKEIN_TRACE(8, kFnHandleBgpLuTunnelEntryId << " " << id << " is unprogrammable");
-    return;
-  }
-  auto const* entry = findEntry(bgpLuTable(), id);
-  if (isContributing(entry)) {
+bool TunnelRibSm::skipUnprogrammable(std::string_view fn, TunnelId const& id) const {
+  SKEIN_TRACE(8, fn << " tunnel ID " << id);
+  if (!isUnprogrammable(id)) return false;
+  SKEIN_TRACE(8, fn << " " << id << " is unprogrammable");
+  return true;
+}
+
+void TunnelRibSm::enterOrWithdraw(TunnelId const& id, TunnelTableEntry const* entry) {
+  if (entry) {
     Nimbo::IpGenPrefix const tep = entry->tep();
     doUpdateLocalCollectionsAndTunnelRib(id, tep, true);
   } else {
@@ -300,41 +301,22 @@ void TunnelRibSm::handleBgpLuTunnelEntry(TunnelId const& id) {
   }
 }
 
+void TunnelRibSm::handleBgpLuTunnelEntry(TunnelId const& id) {
+  if (skipUnprogrammable(kFnHandleBgpLuTunnelEntryId, id)) return;
+  auto const* entry = findEntry(bgpLuTable(), id);
+  enterOrWithdraw(id, isContributing(entry) ? entry : nullptr);
+}
+
 void TunnelRibSm::handleLdpSrTunnelEntry(TunnelId const& id) {
-  SKEIN_TRACE(8, kFnHandleLdpSrTunnelEntryId << " tunnel ID " << id);
-  if (isUnprogrammable(id)) {
-    SKEIN_TRACE(8, kFnHandleLdpSrTunnelEntryId << " " << id << " is unprogrammable");
-    return;
-  }
-  LdpSrTunnelTableEntry const* entry;
-  if (id.tunnelType() == TunnelType::ldpTunnel) {
-    entry = findEntry(ldpTable(), id);
-  } else {
-    VELA_ASSERT_TEXT(id.tunnelType() == TunnelType::srTunnel, "id.tunnelType() == srTunnel()");
-    entry = findEntry(srTable(), id);
-  }
-  if (entry) {
-    Nimbo::IpGenPrefix const tep = entry->tep();
-    doUpdateLocalCollectionsAndTunnelRib(id, tep, true);
-  } else {
-    Nimbo::IpGenPrefix const tep = tunnelIdToTep(id).tep();
-    doUpdateLocalCollectionsAndTunnelRib(id, tep, false);
-  }
+  if (skipUnprogrammable(kFnHandleLdpSrTunnelEntryId, id)) return;
+  if (id.tunnelType() == TunnelType::ldpTunnel) return enterOrWithdraw(id, findEntry(ldpTable(), id));
+  VELA_ASSERT_TEXT(id.tunnelType() == TunnelType::srTunnel, "id.tunnelType() == srTunnel()");
+  enterOrWithdraw(id, findEntry(srTable(), id));
 }
 
 void TunnelRibSm::handleStaticTunnelEntry(TunnelId const& id) {
-  SKEIN_TRACE(8, kFnHandleStaticTunnelEntryId << " tunnel ID " << id);
-  if (isUnprogrammable(id)) {
-    SKEIN_TRACE(8, kFnHandleStaticTunnelEntryId << " " << id << " is unprogrammable");
-    return;
-  }
-  if (auto const* entry = findEntry(staticTable(), id)) {
-    Nimbo::IpGenPrefix const tep = entry->tep();
-    doUpdateLocalCollectionsAndTunnelRib(id, tep, true);
-  } else {
-    Nimbo::IpGenPrefix const tep = tunnelIdToTep(id).tep();
-    doUpdateLocalCollectionsAndTunnelRib(id, tep, false);
-  }
+  if (skipUnprogrammable(kFnHandleStaticTunnelEntryId, id)) return;
+  enterOrWithdraw(id, findEntry(staticTable(), id));
 }
 
 namespace {

@@ -118,6 +118,13 @@ class TunnelRibSm : public Vela::Entity {
   void assertProtoTunnelRib(TunnelType type) const;
 
  private:
+  // Traces the handler's entry; true (traced) when the id is unprogrammable
+  // and the handler must leave it alone.
+  bool skipUnprogrammable(std::string_view fn, TunnelId const& id) const;
+  // Enters the id under its entry's TEP, or, without an entry (absent or
+  // not contributing), withdraws it from the TEP it was entered under.
+  void enterOrWithdraw(TunnelId const& id, TunnelTableEntry const* entry);
+
   template <class Table>
   class TableReactor;
   using BgpLuTableReactor = TableReactor<BgpLuTunnelTable>;
