@@ -32,6 +32,9 @@ class DumpContext;
 
 namespace Tunnel::TunnelTable {
 
+// The ids of a tunnel RIB entry: one to a few, so kept in a small set.
+using TunnelIdSet = Vela::ValueCollection<TunnelId, bool, Vela::ValueSet<TunnelId>>;
+
 // The tunnels that reach one TEP. All ids are of one TunnelType, and an entry
 // without ids is removed by its writer.
 class TunnelRibEntry : public Vela::Entity {
@@ -47,7 +50,7 @@ class TunnelRibEntry : public Vela::Entity {
   void tunnelIdIs(TunnelId id, bool present = true);
   void tunnelIdDel(TunnelId id) { tunnelId_.del(id); }
   void tunnelIdDelAll() { tunnelId_.delAll(); }
-  Vela::ValueCollection<TunnelId, bool> const& tunnelIds() const { return tunnelId_; }
+  TunnelIdSet const& tunnelIds() const { return tunnelId_; }
 
   // "TunnelRibEntry <tep> metric .. metric2 .. pref .. pref2 ..", the number
   // of ids and one "type <kind> index <hex>" line per id.
@@ -55,7 +58,7 @@ class TunnelRibEntry : public Vela::Entity {
 
  private:
   Nimbo::IpGenPrefix tep_;
-  Vela::ValueCollection<TunnelId, bool> tunnelId_;
+  TunnelIdSet tunnelId_;
 
   // Metric fields of the tunnel entered last (BGP LU: bgpMetric ...;
   // LDP / SR: igpMetric ...).

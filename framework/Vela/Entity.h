@@ -13,7 +13,8 @@
 // collections). The VELA_* accessor macros at the end generate the
 // conventional accessors (x(), xIs(), newX(), xDel(), xDelAll()) over them.
 // The map behind a collection defaults to Vela::HashMap (bit-reversed hash
-// order); Vela::OrderedMap gives key order.
+// order); Vela::OrderedMap gives key order; a collection of bool over a
+// Vela::ValueSet is a set that stays small while it has few members.
 #pragma once
 
 #include <cstddef>
@@ -27,6 +28,7 @@
 #include "framework/Vela/Ptr.h"
 #include "framework/Vela/Signal.h"
 #include "framework/Vela/Types.h"
+#include "framework/Vela/ValueSet.h"
 
 namespace Vela {
 
@@ -87,21 +89,38 @@ class ValueCollection {
   using key_type = K;
   using map_type = Map;
 
+  // Whether Map is a set (ValueSet): it holds keys only and every member's
+  // value is true; a set of a few members costs far less than a HashMap.
+  static constexpr bool kKeysOnly = requires(Map & m, K const& k) { m.insert(k); };
+
   V const& get(K const& k) const {
-    if (auto const* v = map_.lookup(k)) return *v;
+    if (auto const* v = lookup(k)) return *v;
     return defaultValue();
   }
-  V const* lookup(K const& k) const { return map_.lookup(k); }
+  V const* lookup(K const& k) const {
+    if constexpr (kKeysOnly) {
+      static constexpr V kMember{true};
+      return map_.contains(k) ? &kMember : nullptr;
+    } else {
+      return map_.lookup(k);
+    }
+  }
   bool contains(K const& k) const { return map_.contains(k); }
   std::size_t size() const { return map_.size(); }
   bool empty() const { return map_.empty(); }
 
   // Inserts or replaces; notifies only when the stored value changed.
+  // A set takes only true.
   bool set(K const& k, V const& v) {
-    auto [it, inserted] = map_.tryEmplace(k, v);
-    if (!inserted) {
-      if (it.value() == v) return false;
-      it.value() = v;
+    if constexpr (kKeysOnly) {
+      VELA_ASSERT(v == V{true});
+      if (!map_.insert(k)) return false;
+    } else {
+      auto [it, inserted] = map_.tryEmplace(k, v);
+      if (!inserted) {
+        if (it.value() == v) return false;
+        it.value() = v;
+      }
     }
     changed_.emit(k);
     return true;

@@ -93,18 +93,12 @@ std::vector<MplsVia> sortedVias(Vela::ValueSet<MplsVia> const& set) {
   return vias;
 }
 
-std::vector<TunnelId> sortedIds(Vela::ValueCollection<TunnelId, bool> const& ids) {
-  std::vector<TunnelId> out;
-  for (auto const& [id, present] : ids) out.push_back(id);
-  std::sort(out.begin(), out.end());
-  return out;
-}
-
+// The ids of a set or of an id collection, in id order.
 template <class Set>
 std::vector<TunnelId> sortedSet(Set const& set) {
   std::vector<TunnelId> out;
   out.reserve(set.size());
-  for (TunnelId id : set) out.push_back(id);
+  for (auto it = set.begin(); it != set.end(); ++it) out.push_back(it.key());
   std::sort(out.begin(), out.end());
   return out;
 }
@@ -149,7 +143,7 @@ ViewOutput tunnelRibView(Lab const& lab) {
   Json entries = Json::array();
   for (auto const& tep : sortedTeps(*rib)) {
     auto entry = rib->entry(tep);
-    auto const ids = sortedIds(entry->tunnelIds());
+    auto const ids = sortedSet(entry->tunnelIds());
     Json tunnels = Json::array();
     bool first = true;
     for (TunnelId id : ids) {
@@ -201,7 +195,7 @@ ViewOutput protoRibView(Lab const& lab, ViewRequest const& view) {
     for (auto const& tep : sortedTeps(*rib)) {
       Json tunnels = Json::array();
       bool first = true;
-      for (TunnelId id : sortedIds(rib->entry(tep)->tunnelIds())) {
+      for (TunnelId id : sortedSet(rib->entry(tep)->tunnelIds())) {
         table.row({first ? tep.toStrep() : "", id.toCliStrep()});
         first = false;
         tunnels.push_back(tunnelJson(id));
@@ -257,7 +251,7 @@ ViewOutput mplsFibView(Lab const& lab) {
 std::vector<TunnelId> unprogrammableIds(Lab const& lab) {
   auto const* aggregator = lab.aggregator();
   if (!aggregator || !aggregator->unprogrammableTunnelId()) return {};
-  return sortedIds(aggregator->unprogrammableTunnelId()->entrys());
+  return sortedSet(aggregator->unprogrammableTunnelId()->entrys());
 }
 
 ViewOutput unprogrammableView(Lab const& lab) {
