@@ -67,6 +67,34 @@ TEST(EntityTest, AbsentKeyReadsAsDefault) {
   EXPECT_EQ(box->name(), "b");
 }
 
+// A collection of bool over a ValueSet behaves as one over a HashMap: the
+// same notifications, the same iteration order, small or spilled.
+TEST(EntityTest, SetBackedCollectionMatchesTheHashMapOne) {
+  Vela::ValueCollection<int, bool> byMap;
+  Vela::ValueCollection<int, bool, Vela::ValueSet<int>> bySet;
+  std::vector<int> mapHeard, setHeard;
+  auto const a = byMap.changed().connect([&](int k) { mapHeard.push_back(k); });
+  auto const b = bySet.changed().connect([&](int k) { setHeard.push_back(k); });
+  auto both = [&](auto&& op) {
+    EXPECT_EQ(op(byMap), op(bySet));
+    std::vector<int> m, s;
+    for (auto it = byMap.begin(); it != byMap.end(); ++it) m.push_back(it.key());
+    for (auto it = bySet.begin(); it != bySet.end(); ++it) s.push_back(it.key());
+    EXPECT_EQ(m, s);
+  };
+  // Up to twelve members crosses the small form's limit both ways.
+  for (int k = 1; k <= 12; ++k) both([k](auto& c) { return c.set(k, true); });
+  both([](auto& c) { return c.set(3, true); });  // already there: no one hears
+  for (int k = 12; k >= 2; k -= 2) both([k](auto& c) { return c.del(k); });
+  both([](auto& c) { return c.del(2); });
+  EXPECT_EQ(mapHeard, setHeard);
+  EXPECT_TRUE(bySet.get(1));
+  EXPECT_FALSE(bySet.get(2));
+  EXPECT_EQ(bySet.lookup(2), nullptr);
+  bySet.delAll();
+  EXPECT_TRUE(bySet.empty());
+}
+
 TEST(EntityTest, NewMemberCreatesOnceAndNotifiesOnce) {
   auto box = Vela::make<Box>("b");
   BoxReactor r;
