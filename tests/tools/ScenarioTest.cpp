@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <ostream>
 #include <sstream>
 #include <string>
 
@@ -133,6 +134,9 @@ struct BadEntry {
   std::string path;
   std::string message;  // a fragment of the reason
 };
+
+// Names the case in test listings by what it breaks.
+void PrintTo(BadEntry const& bad, std::ostream* os) { *os << bad.path << " (" << bad.message << ")"; }
 
 class BadEntryTest : public ::testing::TestWithParam<BadEntry> {};
 
