@@ -133,6 +133,30 @@ TEST(ServeTest, ALineThatIsNotUtf8IsRejectedInValidJson) {
   EXPECT_EQ(nlohmann::json::parse(second)["ok"], true);
 }
 
+// 1e999 is valid JSON syntax but no double holds it: bad input in a stream
+// line and in a scenario file alike, never an escaped exception.
+TEST(ServeTest, ANumberBeyondADoubleIsBadInput) {
+  Served const s = serve(R"({"show": [1e999]})"
+                         "\n" +
+                         addLdp1 + "\n");
+  EXPECT_EQ(s.status, exitBadInput);
+  EXPECT_NE(
+      s.out.find("line 1: rejected, nothing applied\n  not valid JSON: number overflow parsing '1e999'"),
+      std::string::npos)
+      << s.out;
+  EXPECT_NE(s.out.find("line 2: "), std::string::npos) << s.out;
+
+  RunOptions options;
+  options.clock = Vela::make<Quay::ManualClock>();
+  std::ostringstream out, err;
+  EXPECT_EQ(runScenarioText(options, "big.json", R"({"tables": {"ldp": {"entries": [{"index": 1e999}]}}})",
+                            out, err),
+            exitBadInput);
+  EXPECT_EQ(
+      err.str(),
+      "big.json: error: number overflow parsing '1e999'\nbig.json: not valid JSON; nothing was applied\n");
+}
+
 TEST(ServeTest, StartsFromAScenarioWithoutPlayingItsTimeline) {
   Served const s = serve(
       R"({"show": ["unprogrammable"]})"

@@ -22,7 +22,9 @@ namespace {
 
 // nlohmann's message without its "[json.exception.parse_error.101] parse
 // error at line 3, column 5: " prefix: the position is given our own way.
-std::string syntaxMessage(nlohmann::json::parse_error const& e) {
+// A number too large for a double ("1e999") fails the same way, as an
+// out_of_range error without a position.
+std::string syntaxMessage(nlohmann::json::exception const& e) {
   std::string text = e.what();
   if (auto at = text.find("column "); at != std::string::npos) {
     if (auto colon = text.find(": ", at); colon != std::string::npos) return text.substr(colon + 2);
@@ -51,9 +53,11 @@ std::optional<Json> parseJson(std::string const& text, std::string const& name, 
     // e.byte counts from 1 and points at the character that was read last.
     SourcePosition const pos = positionOfOffset(text, e.byte == 0 ? 0 : e.byte - 1);
     err << name << ":" << positionText(pos) << " error: " << syntaxMessage(e) << "\n";
-    err << name << ": not valid JSON; nothing was applied\n";
-    return std::nullopt;
+  } catch (Json::out_of_range const& e) {
+    err << name << ": error: " << syntaxMessage(e) << "\n";
   }
+  err << name << ": not valid JSON; nothing was applied\n";
+  return std::nullopt;
 }
 
 void printViews(std::vector<ViewRequest> const& views, Lab const& lab, std::ostream& out, Json* json) {
@@ -262,6 +266,9 @@ class Server {
     } catch (Json::parse_error const& e) {
       SourcePosition const pos = positionOfOffset(text, e.byte == 0 ? 0 : e.byte - 1);
       reject(lineNo, {{"", "not valid JSON: " + syntaxMessage(e), false}}, {pos});
+      return false;
+    } catch (Json::out_of_range const& e) {
+      reject(lineNo, {{"", "not valid JSON: " + syntaxMessage(e), false}}, {SourcePosition{}});
       return false;
     }
     JsonSourceMap const map(text);
