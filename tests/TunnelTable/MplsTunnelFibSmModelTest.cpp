@@ -66,18 +66,18 @@ std::string str(T const& v) {
 }
 
 // What one tunnel's table entry says, before it is turned into an entry.
-struct ViaSpec {
+struct ViaShape {
   TunnelId inner;  // valid: rides on this tunnel; else leaves on `intf`
   std::uint32_t nexthop = 0;
   std::uint32_t intf = 0;
   std::vector<std::uint32_t> labels;  // per via (LDP, SR, SR-TE)
   MplsAction action = MplsAction::push;
 };
-struct TunnelSpec {
+struct TunnelShape {
   bool exists = false;
   std::vector<std::uint32_t> labels;  // per entry (BGP LU, BGP LU push, static)
   MplsAction action = MplsAction::push;
-  std::vector<ViaSpec> vias;
+  std::vector<ViaShape> vias;
 };
 
 MplsLabelOperation operation(MplsAction action, std::vector<std::uint32_t> const& labels) {
@@ -115,9 +115,9 @@ struct World {
   }
 
   template <class Entry>
-  static void fillPlain(Entry& e, TunnelSpec const& spec) {
-    e.labelsIs(operation(spec.action, spec.labels));
-    for (ViaSpec const& v : spec.vias) {
+  static void fillPlain(Entry& e, TunnelShape const& shape) {
+    e.labelsIs(operation(shape.action, shape.labels));
+    for (ViaShape const& v : shape.vias) {
       if (v.inner.isValid()) {
         e.viaIs(Via(IpGenAddr(Nimbo::IpAddr(0)), v.inner.intfId()), true);
       } else {
@@ -126,8 +126,8 @@ struct World {
     }
   }
   template <class Entry>
-  static void fillMpls(Entry& e, TunnelSpec const& spec) {
-    for (ViaSpec const& v : spec.vias) {
+  static void fillMpls(Entry& e, TunnelShape const& shape) {
+    for (ViaShape const& v : shape.vias) {
       MplsLabelOperation const op = operation(v.action, v.labels);
       if (v.inner.isValid()) {
         e.viaIs(MplsVia(IpGenAddr(Nimbo::IpAddr(0)), v.inner.intfId(), op), true);
@@ -138,29 +138,29 @@ struct World {
     }
   }
 
-  void apply(TunnelId id, TunnelSpec const& spec) {
+  void apply(TunnelId id, TunnelShape const& shape) {
     switch (id.tunnelType()) {
       case TunnelType::bgpLuPushTunnel:
-        if (!spec.exists) return bgpLuPush->entryDel(id);
+        if (!shape.exists) return bgpLuPush->entryDel(id);
         {
           BgpLuPushTunnelTableEntry e(id);
-          fillPlain(e, spec);
+          fillPlain(e, shape);
           bgpLuPush->entryIs(e);
         }
         return;
       case TunnelType::bgpLuTunnel:
-        if (!spec.exists) return bgpLu->entryDel(id);
+        if (!shape.exists) return bgpLu->entryDel(id);
         {
           BgpLuTunnelTableEntry e(id);
-          fillPlain(e, spec);
+          fillPlain(e, shape);
           bgpLu->entryIs(e);
         }
         return;
       case TunnelType::staticTunnel:
-        if (!spec.exists) return staticTable->entryDel(id);
+        if (!shape.exists) return staticTable->entryDel(id);
         {
           StaticTunnelTableEntry e(id);
-          fillPlain(e, spec);
+          fillPlain(e, shape);
           staticTable->entryIs(e);
         }
         return;
@@ -169,17 +169,17 @@ struct World {
         auto& table = id.tunnelType() == TunnelType::ldpTunnel
                           ? static_cast<TunnelTableEntryCollection<LdpSrTunnelTableEntry>&>(*ldp)
                           : *sr;
-        if (!spec.exists) return table.entryDel(id);
+        if (!shape.exists) return table.entryDel(id);
         LdpSrTunnelTableEntry e(id);
-        fillMpls(e, spec);
+        fillMpls(e, shape);
         table.entryIs(e);
         return;
       }
       case TunnelType::srTeSegmentListTunnel:
-        if (!spec.exists) return srTe->entryDel(id);
+        if (!shape.exists) return srTe->entryDel(id);
         {
           SrTeSegmentListTunnelTableEntry e(id);
-          fillMpls(e, spec);
+          fillMpls(e, shape);
           srTe->entryIs(e);
         }
         return;
@@ -415,15 +415,15 @@ class Generator {
   }
   bool chance(double p) { return std::bernoulli_distribution(p)(rng_); }
 
-  // A spec for universe_[pos]; with `acyclic` it rides only on lower ranks.
-  TunnelSpec spec(std::size_t pos, bool acyclic) {
-    TunnelSpec s;
+  // A shape for universe_[pos]; with `acyclic` it rides only on lower ranks.
+  TunnelShape shape(std::size_t pos, bool acyclic) {
+    TunnelShape s;
     s.exists = chance(0.85);
     s.labels = labels(pick(0, 4));
     s.action = chance(0.1) ? MplsAction::swap : MplsAction::push;
     std::uint32_t const n = pick(0, 3);
     for (std::uint32_t i = 0; i < n; ++i) {
-      ViaSpec v;
+      ViaShape v;
       v.labels = labels(pick(0, 4));
       v.action = chance(0.05) ? MplsAction::pop : MplsAction::push;
       std::size_t const limit = acyclic ? pos : universe_.size();
@@ -476,7 +476,7 @@ TEST(MplsTunnelFibSmModelTest, AcyclicGraphsAndMutationsMatchTheRecursiveComputa
     Generator g(seed);
     auto const& universe = g.universe();
     World w;
-    for (std::size_t i = 0; i < universe.size(); ++i) w.apply(universe[i], g.spec(i, true));
+    for (std::size_t i = 0; i < universe.size(); ++i) w.apply(universe[i], g.shape(i, true));
     w.start();
     drain(w, g);
     expectMatchesModel(w, universe);
@@ -487,7 +487,7 @@ TEST(MplsTunnelFibSmModelTest, AcyclicGraphsAndMutationsMatchTheRecursiveComputa
       std::uint32_t const changes = g.pick(1, 6);
       for (std::uint32_t c = 0; c < changes; ++c) {
         std::size_t const pos = g.pick(0, std::uint32_t(universe.size() - 1));
-        w.apply(universe[pos], g.spec(pos, true));
+        w.apply(universe[pos], g.shape(pos, true));
         // Now and then let part of a drain run between the changes.
         if (g.chance(0.2)) {
           w.scheduler->yieldEveryIs(g.pick(1, 3));
@@ -500,7 +500,7 @@ TEST(MplsTunnelFibSmModelTest, AcyclicGraphsAndMutationsMatchTheRecursiveComputa
         // after some more changes it did not see.
         w.stop();
         std::size_t const pos = g.pick(0, std::uint32_t(universe.size() - 1));
-        w.apply(universe[pos], g.spec(pos, true));
+        w.apply(universe[pos], g.shape(pos, true));
         w.start();
       }
       drain(w, g);
@@ -517,7 +517,7 @@ TEST(MplsTunnelFibSmModelTest, GraphsWithCyclesKeepTheInvariants) {
     Generator g(1000 + seed);
     auto const& universe = g.universe();
     World w;
-    for (std::size_t i = 0; i < universe.size(); ++i) w.apply(universe[i], g.spec(i, false));
+    for (std::size_t i = 0; i < universe.size(); ++i) w.apply(universe[i], g.shape(i, false));
     w.start();
     for (int step = 0; step <= kSteps; ++step) {
       SCOPED_TRACE("step " + std::to_string(step));
@@ -525,7 +525,7 @@ TEST(MplsTunnelFibSmModelTest, GraphsWithCyclesKeepTheInvariants) {
         std::uint32_t const changes = g.pick(1, 6);
         for (std::uint32_t c = 0; c < changes; ++c) {
           std::size_t const pos = g.pick(0, std::uint32_t(universe.size() - 1));
-          w.apply(universe[pos], g.spec(pos, false));
+          w.apply(universe[pos], g.shape(pos, false));
         }
         if (g.chance(0.1)) {
           w.stop();
@@ -551,20 +551,20 @@ TEST(MplsTunnelFibSmModelTest, ReversedEdgeCanLeaveAStaleCycleDrop) {
   TunnelId b = makeId(TunnelType::staticTunnel, 2);
   if (Vela::bitReverse32(a.hash()) > Vela::bitReverse32(b.hash())) std::swap(a, b);
   auto const direct = [](std::uint32_t host) {
-    ViaSpec v;
+    ViaShape v;
     v.nexthop = host;
     v.intf = host;
     return v;
   };
   auto const over = [](TunnelId t) {
-    ViaSpec v;
+    ViaShape v;
     v.inner = t;
     return v;
   };
   World w;
   // a leaves directly; b rides on a, with no labels of its own.
-  w.apply(a, TunnelSpec{true, {16}, MplsAction::push, {direct(1)}});
-  w.apply(b, TunnelSpec{true, {}, MplsAction::push, {over(a)}});
+  w.apply(a, TunnelShape{true, {16}, MplsAction::push, {direct(1)}});
+  w.apply(b, TunnelShape{true, {}, MplsAction::push, {over(a)}});
   w.start();
   w.scheduler->runUntilIdle();
   ASSERT_TRUE(w.sm->resolvedByTunnels(b).contains(a));
@@ -572,8 +572,8 @@ TEST(MplsTunnelFibSmModelTest, ReversedEdgeCanLeaveAStaleCycleDrop) {
   // Reversed: b now leaves directly with exactly the via it had through a
   // (so its FIB entry does not change), and a rides on b.
   Skein::CaptureSink cap(7);
-  w.apply(b, TunnelSpec{true, {16}, MplsAction::push, {direct(1)}});
-  w.apply(a, TunnelSpec{true, {}, MplsAction::push, {over(b)}});
+  w.apply(b, TunnelShape{true, {16}, MplsAction::push, {direct(1)}});
+  w.apply(a, TunnelShape{true, {}, MplsAction::push, {over(b)}});
   w.scheduler->runUntilIdle();
   EXPECT_TRUE(cap.contains("Cycle detected while trying to create MplsVia for tunnelId " + str(a) +
                            " via tunnelId " + str(b)));
@@ -582,7 +582,7 @@ TEST(MplsTunnelFibSmModelTest, ReversedEdgeCanLeaveAStaleCycleDrop) {
   EXPECT_FALSE(w.fib->entrys().contains(a));
   EXPECT_TRUE(w.unprogrammable->entry(a));
   EXPECT_FALSE(w.sm->resolvedByTunnels(b).contains(a));
-  w.apply(b, TunnelSpec{true, {17}, MplsAction::push, {direct(1)}});
+  w.apply(b, TunnelShape{true, {17}, MplsAction::push, {direct(1)}});
   w.scheduler->runUntilIdle();
   EXPECT_TRUE(w.fib->entrys().contains(a));
 }

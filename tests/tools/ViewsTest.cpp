@@ -34,16 +34,16 @@ class ViewsTest : public ::testing::Test {
     lab.load(*scenario);
   }
 
-  std::string view(std::string const& spec) {
+  std::string view(std::string const& text) {
     std::string why;
-    auto request = parseView(spec, &why);
+    auto request = parseView(text, &why);
     EXPECT_TRUE(request.has_value()) << why;
     return request ? renderView(lab, *request).text : "";
   }
 
-  nlohmann::json json(std::string const& spec) {
+  nlohmann::json json(std::string const& text) {
     std::string why;
-    return renderView(lab, *parseView(spec, &why)).json;
+    return renderView(lab, *parseView(text, &why)).json;
   }
 };
 

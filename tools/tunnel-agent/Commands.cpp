@@ -151,9 +151,9 @@ int runScenarioText(RunOptions const& options, std::string const& name, std::str
   if (options.show.empty()) {
     finalViews = defaultViews();
   } else if (!(options.show.size() == 1 && options.show.front() == "none")) {
-    for (auto const& spec : options.show) {
+    for (auto const& text : options.show) {
       std::string why;
-      auto view = parseView(spec, &why);
+      auto view = parseView(text, &why);
       if (!view) {
         err << "tunnel-agent: --show: " << why << "\n";
         return exitBadInput;

@@ -150,7 +150,7 @@ std::optional<ViewRequest> parseView(std::string_view text, std::string* error) 
   std::string_view const name = text.substr(0, colon);
   std::string_view const arg = colon == std::string_view::npos ? std::string_view() : text.substr(colon + 1);
   ViewRequest view;
-  view.spec = std::string(text);
+  view.written = std::string(text);
   auto known = std::find_if(std::begin(kViewNames), std::end(kViewNames),
                             [&](ViewName const& v) { return v.name == name; });
   if (known == std::end(kViewNames)) {

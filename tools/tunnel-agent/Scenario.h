@@ -105,7 +105,7 @@ enum class ViewKind : std::uint8_t {
 
 struct ViewRequest {
   ViewKind kind = ViewKind::tunnelRib;
-  std::string spec;                   // as written: "dependents:ldp/1"
+  std::string written;                // as written: "dependents:ldp/1"
   std::optional<TableKind> protocol;  // proto-rib:<protocol>
   TunnelId tunnel;                    // dependents:<tunnel>
 };

@@ -588,7 +588,7 @@ ViewOutput renderView(Lab const& lab, ViewRequest const& view) {
       out = decapIpsView(lab);
       break;
   }
-  out.json["view"] = view.spec;
+  out.json["view"] = view.written;
   return out;
 }
 
