@@ -41,6 +41,7 @@
 #include "framework/Quay/Clock.h"
 #include "framework/Skein/Trace.h"
 #include "framework/Vela/Hash.h"
+#include "tests/TunnelTable/FibMachineWorld.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -88,23 +89,7 @@ MplsLabelOperation operation(MplsAction action, std::vector<std::uint32_t> const
 }
 
 // The tables, the FIB and the machine, on a manual clock.
-struct World {
-  Vela::Ptr<Quay::ManualClock> clock = Vela::make<Quay::ManualClock>();
-  Vela::Ptr<Quay::TaskScheduler> scheduler = Vela::make<Quay::TaskScheduler>(clock);
-  Vela::Ptr<MplsTunnelFib> fib = Vela::make<MplsTunnelFib>("mplsTunnelFib");
-  Vela::Ptr<TunnelIdColl> unprogrammable = tunnelIdCollFactory("unprogrammableTunnelId");
-  Vela::Ptr<BgpLuTunnelTable> bgpLu = Vela::make<BgpLuTunnelTable>("bgpLu");
-  Vela::Ptr<LdpTunnelTable> ldp = Vela::make<LdpTunnelTable>("ldp");
-  Vela::Ptr<SrTunnelTable> sr = Vela::make<SrTunnelTable>("sr");
-  Vela::Ptr<BgpLuPushTunnelTable> bgpLuPush = Vela::make<BgpLuPushTunnelTable>("bgpLuPush");
-  Vela::Ptr<StaticTunnelTable> staticTable = Vela::make<StaticTunnelTable>("static");
-  Vela::Ptr<SrTeSegmentListTunnelTable> srTe = Vela::make<SrTeSegmentListTunnelTable>("srTeSegmentList");
-  Vela::Ptr<MplsTunnelFibSm> sm;
-
-  ~World() { stop(); }
-  void start() {
-    sm = mplsTunnelFibSmFactory(fib, unprogrammable, bgpLu, ldp, sr, bgpLuPush, staticTable, srTe, scheduler);
-  }
+struct World : fibtest::FibMachineWorld {
   // As the aggregator does it: notifications off, machine gone; a new
   // machine gets a fresh unprogrammable set and the FIB as it was left.
   void stop() {

@@ -19,6 +19,7 @@
 #include "framework/Skein/Trace.h"
 #include "framework/Vela/Exception.h"
 #include "framework/Vela/Hash.h"
+#include "tests/TunnelTable/FibMachineWorld.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -90,27 +91,7 @@ int levelOf(Skein::CaptureSink const& cap, std::string const& text) {
 }
 
 // Everything the aggregator hands the state machine, on a manual clock.
-struct World {
-  Vela::Ptr<Quay::ManualClock> clock = Vela::make<Quay::ManualClock>();
-  Vela::Ptr<Quay::TaskScheduler> scheduler = Vela::make<Quay::TaskScheduler>(clock);
-  Vela::Ptr<MplsTunnelFib> fib = Vela::make<MplsTunnelFib>("mplsTunnelFib");
-  Vela::Ptr<TunnelIdColl> unprogrammable = tunnelIdCollFactory("unprogrammableTunnelId");
-  Vela::Ptr<BgpLuTunnelTable> bgpLu = Vela::make<BgpLuTunnelTable>("bgpLu");
-  Vela::Ptr<LdpTunnelTable> ldp = Vela::make<LdpTunnelTable>("ldp");
-  Vela::Ptr<SrTunnelTable> sr = Vela::make<SrTunnelTable>("sr");
-  Vela::Ptr<BgpLuPushTunnelTable> bgpLuPush = Vela::make<BgpLuPushTunnelTable>("bgpLuPush");
-  Vela::Ptr<StaticTunnelTable> staticTable = Vela::make<StaticTunnelTable>("static");
-  Vela::Ptr<SrTeSegmentListTunnelTable> srTe = Vela::make<SrTeSegmentListTunnelTable>("srTeSegmentList");
-  Vela::Ptr<MplsTunnelFibSm> sm;
-
-  ~World() {
-    if (sm) sm->hasNotificationActiveIs(false);
-  }
-  void start() {
-    sm = mplsTunnelFibSmFactory(fib, unprogrammable, bgpLu, ldp, sr, bgpLuPush, staticTable, srTe, scheduler);
-  }
-  void drain() { scheduler->runUntilIdle(); }
-
+struct World : fibtest::FibMachineWorld {
   void addLdp(TunnelId id, std::initializer_list<MplsVia> vias) {
     LdpSrTunnelTableEntry e(id);
     for (MplsVia const& v : vias) e.viaIs(v, true);
