@@ -56,6 +56,7 @@
 #include "framework/Quay/TaskScheduler.h"
 #include "framework/Quay/TimerTask.h"
 #include "framework/Vela/Exception.h"
+#include "fuzz/OperationLog.h"
 
 namespace {
 
@@ -220,7 +221,7 @@ class Harness {
       if (std::getenv("TUNNEL_FUZZ_VERBOSE")) {
         std::fprintf(stderr, "AgentFuzz: reached by the literal rules: %s\noperations:\n",
                      e.condition().c_str());
-        for (auto const& line : log_) std::fprintf(stderr, "  %s\n", line.c_str());
+        log_.print();
       }
     }
   }
@@ -284,21 +285,14 @@ class Harness {
     }
     drain(0);
     check();
-    if (std::getenv("TUNNEL_FUZZ_VERBOSE")) {
-      for (auto const& line : log_) std::fprintf(stderr, "  %s\n", line.c_str());
-    }
+    log_.printIfVerbose();
   }
 
  private:
   // --- the world -------------------------------------------------------------------------------
 
-  void log(std::string line) { log_.push_back(std::move(line)); }
-
-  [[noreturn]] void fail(std::string const& what) const {
-    std::fprintf(stderr, "AgentFuzz: %s\noperations:\n", what.c_str());
-    for (auto const& line : log_) std::fprintf(stderr, "  %s\n", line.c_str());
-    std::abort();
-  }
+  void log(std::string line) { log_.add(std::move(line)); }
+  [[noreturn]] void fail(std::string const& what) const { log_.fail(what); }
 
   void startAgent() {
     agent_ = Vela::make<Agent>(em_);
@@ -834,7 +828,7 @@ class Harness {
   std::map<int, Vela::Ptr<TunnelTableBase>> tables_;  // as published, by kind
   MplsTunnelFibSm const* fibSm_ = nullptr;
   std::set<TunnelId> inherited_;
-  std::vector<std::string> log_;
+  OperationLog log_{"AgentFuzz"};
 };
 
 }  // namespace

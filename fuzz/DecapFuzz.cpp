@@ -32,6 +32,7 @@
 #include "Decap/TunnelSimulator.h"
 #include "framework/Quay/Clock.h"
 #include "framework/Quay/TaskScheduler.h"
+#include "fuzz/OperationLog.h"
 
 namespace {
 
@@ -120,19 +121,12 @@ class Harness {
     runDry();
     followOutput(before, expected());
     check();
-    if (std::getenv("TUNNEL_FUZZ_VERBOSE")) {
-      for (auto const& line : log_) std::fprintf(stderr, "  %s\n", line.c_str());
-    }
+    log_.printIfVerbose();
   }
 
  private:
-  void log(std::string line) { log_.push_back(std::move(line)); }
-
-  [[noreturn]] void fail(std::string const& what) const {
-    std::fprintf(stderr, "DecapFuzz: %s\noperations:\n", what.c_str());
-    for (auto const& line : log_) std::fprintf(stderr, "  %s\n", line.c_str());
-    std::abort();
-  }
+  void log(std::string line) { log_.add(std::move(line)); }
+  [[noreturn]] void fail(std::string const& what) const { log_.fail(what); }
 
   static std::string sourcePath(Vela::Name const& name) { return std::string(dynamicInputDir) + "/" + name; }
 
@@ -391,7 +385,7 @@ class Harness {
   Vela::Ptr<TunnelSimulatorAgent> simAgent_ = Vela::make<TunnelSimulatorAgent>("tunnelSim");
   std::map<Vela::Name, Followed> followed_;
   std::map<IpGenAddr, std::uint32_t> counts_;
-  std::vector<std::string> log_;
+  OperationLog log_{"DecapFuzz"};
 };
 
 }  // namespace
