@@ -47,9 +47,11 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <initializer_list>
@@ -59,6 +61,7 @@
 #include <optional>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "framework/Vela/Exception.h"
 #include "framework/Vela/Hash.h"
@@ -108,6 +111,9 @@ class HashMap {
   static constexpr std::size_t kRefitTrim = 8;  // members left out at each end when refitting
   static constexpr bool kOrderedTies = internal::LessComparable<K>;
   static constexpr bool kTrivialMember = std::is_trivially_copyable_v<Member>;
+  // Growth in place applies from this size on, marking every kGrowChunk-th member.
+  static constexpr std::size_t kMinGrowInPlace = 4096;
+  static constexpr std::size_t kGrowChunk = 256;
 
  public:
   using key_type = K;
@@ -299,7 +305,7 @@ class HashMap {
     reserved_ = n;
     if (n == 0) return;
     std::uint32_t const bits = bitsFor(n);
-    if (bits > bits_) rebuild(bits, 0, lo_, range_);
+    if (bits > bits_) grow(bits);
   }
 
   bool contains(K const& k) const { return findIdx(k) != kEndIdx; }
@@ -434,13 +440,12 @@ class HashMap {
   // (home, fragment) among the slots a probe passes, as long as the distances
   // are near. A key probed from its home h, at slot i, has the word
   // probeWord(h, rev) - 256 * (i - h).
-  std::uint16_t probeWord(std::size_t i, std::uint32_t rev) const {
-    std::size_t const distance = i - homeOf(rev);
+  std::uint16_t probeWord(std::size_t i, std::uint32_t rev) const { return probeWordAt(i, placeOf(rev)); }
+  // The same from the member's interpolated place.
+  static std::uint16_t probeWordAt(std::size_t i, std::uint64_t place) {
+    std::size_t const distance = i - static_cast<std::size_t>(place >> 8);
     std::uint32_t const near = distance <= kMaxNear ? std::uint32_t(kMaxNear + 1 - distance) : 0;
-    return static_cast<std::uint16_t>((near << 8) | fragmentOf(rev));
-  }
-  std::uint32_t fragmentOf(std::uint32_t rev) const {
-    return static_cast<std::uint32_t>(placeOf(rev)) & 0xFFu;
+    return static_cast<std::uint16_t>((near << 8) | (place & 0xFFu));
   }
   void refreshProbes(std::size_t from, std::size_t to) {
     for (std::size_t i = from; i < to; ++i) probes_[i] = probeWord(i, revs_[i]);
@@ -478,9 +483,24 @@ class HashMap {
     std::size_t idx;
     bool found;
   };
-  // Where k is, or where it would be inserted.
+  // Where k is, or where it would be inserted. Like findIdx, it reads probe
+  // words while they decide, so a change usually reads one line of them
+  // (besides the members it moves).
   Place locate(K const& k, std::uint32_t rev) const {
-    std::size_t i = homeOf(rev);
+    std::uint64_t const place = placeOf(rev);
+    std::size_t i = static_cast<std::size_t>(place >> 8);
+    for (std::uint32_t want = ((kMaxNear + 1) << 8) | (static_cast<std::uint32_t>(place) & 0xFFu);;
+         ++i, want -= 256) {
+      std::uint32_t const have = probes_[i];
+      if (have > want) return {i, false};
+      if (have == want && revs_[i] >= rev) break;  // the same place: the reversed hashes decide
+      if (want < 512) return locateFrom(k, rev, i + 1);
+    }
+    return locateFrom(k, rev, i);
+  }
+  // Continues locate by reversed hashes from slot i, all slots before it
+  // holding smaller ones.
+  Place locateFrom(K const& k, std::uint32_t rev, std::size_t i) const {
     while (revs_[i] < rev) ++i;
     for (; holds(i, rev); ++i) {
       K const& other = member(i).key;
@@ -540,6 +560,11 @@ class HashMap {
     it.past_ = true;
   }
 
+  // The first slot from i on without a member (limit_ for the sentinel).
+  std::size_t runEnd(std::size_t i) const {
+    while (probes_[i] != kNoProbe) ++i;
+    return i;
+  }
   std::size_t nextFull(std::size_t i) const {
     while (states_[i] == kEmpty) ++i;
     return states_[i] == kFull ? i : kEndIdx;
@@ -580,26 +605,23 @@ class HashMap {
     // Built before anything moves: the arguments may refer into this map.
     Member fresh{K(k), makeValue(std::forward<Args>(args)...)};
     if (size_ + 1 > growAt()) {
-      rebuild(std::max(bits_ + 1, bitsFor(size_ + 1)), 0, lo_, range_);
+      grow(std::max(bits_ + 1, bitsFor(size_ + 1)));
       idx = locate(fresh.key, rev).idx;
     }
-    std::size_t end = idx;
-    while (states_[end] == kFull) ++end;
+    std::size_t end = runEnd(idx);
     if (end - homeOf(rev) > kRefitProbe && refit(true, rev, bits_, true)) {
       idx = locate(fresh.key, rev).idx;
-      end = idx;
-      while (states_[end] == kFull) ++end;
+      end = runEnd(idx);
     }
-    while (states_[end] == kEnd) {
+    while (end == limit_) {
       // The run reaches the end of the overflow area.
       if (size_ * 5 >= (std::size_t(1) << bits_) * 2) {
-        rebuild(bits_ + 1, 0, lo_, range_);
+        grow(bits_ + 1);
       } else {
         rebuild(bits_, overflow_ * 2, lo_, range_);  // crowded hashes, not a full table
       }
       idx = locate(fresh.key, rev).idx;
-      end = idx;
-      while (states_[end] == kFull) ++end;
+      end = runEnd(idx);
     }
     shiftRight(idx, end);
     ::new (static_cast<void*>(members_[idx].bytes)) Member(std::move(fresh));
@@ -730,27 +752,160 @@ class HashMap {
     std::uint8_t* states;
   };
   static constexpr std::size_t kBlockAlign = std::max(alignof(Storage), alignof(std::uint32_t));
-  static Table allocate(std::size_t n) {
+  // Blocks come from malloc where its alignment suffices, so that growth can
+  // reallocate them (growInPlace).
+  static constexpr bool kMallocBlock = kBlockAlign <= alignof(std::max_align_t);
+  // Where the parts of a block of n slots start, and its size in bytes.
+  struct Layout {
+    std::size_t revsAt, probesAt, statesAt, bytes;
+  };
+  static Layout layoutFor(std::size_t n) {
     std::size_t const revsAt =
         (n * sizeof(Storage) + alignof(std::uint32_t) - 1) & ~(alignof(std::uint32_t) - 1);
     std::size_t const probesAt = revsAt + n * sizeof(std::uint32_t);
     std::size_t const statesAt = probesAt + n * sizeof(std::uint16_t);
-    void* block = ::operator new(statesAt + n, std::align_val_t(kBlockAlign));
+    return {revsAt, probesAt, statesAt, statesAt + n};
+  }
+  static Table tableAt(void* block, Layout const& l) {
     auto* bytes = static_cast<unsigned char*>(block);
-    Table t{block, reinterpret_cast<Storage*>(bytes), reinterpret_cast<std::uint32_t*>(bytes + revsAt),
-            reinterpret_cast<std::uint16_t*>(bytes + probesAt), bytes + statesAt};
-    std::fill_n(t.revs, n, kNoRev);
-    std::fill_n(t.probes, n, kNoProbe);
-    std::memset(t.states, kEmpty, n);
-    t.states[n - 1] = kEnd;
+    return {block, reinterpret_cast<Storage*>(bytes), reinterpret_cast<std::uint32_t*>(bytes + l.revsAt),
+            reinterpret_cast<std::uint16_t*>(bytes + l.probesAt), bytes + l.statesAt};
+  }
+  // A block for n slots; with `clear`, every slot empty and the last the
+  // sentinel (else the caller writes each slot once).
+  static Table allocate(std::size_t n, bool clear = true) {
+    Layout const l = layoutFor(n);
+    void* block;
+    if constexpr (kMallocBlock) {
+      block = std::malloc(l.bytes);
+      if (!block) throw std::bad_alloc();
+    } else {
+      block = ::operator new(l.bytes, std::align_val_t(kBlockAlign));
+    }
+    Table const t = tableAt(block, l);
+    if (clear) {
+      clearSlots(t, 0, n);
+      t.states[n - 1] = kEnd;
+    }
     return t;
   }
-  static void deallocate(void* block) { ::operator delete(block, std::align_val_t(kBlockAlign)); }
+  static void clearSlots(Table const& t, std::size_t from, std::size_t to) {
+    std::fill(t.revs + from, t.revs + to, kNoRev);
+    std::fill(t.probes + from, t.probes + to, kNoProbe);
+    std::memset(t.states + from, kEmpty, to - from);
+  }
+  static void deallocate(void* block) {
+    if constexpr (kMallocBlock) {
+      std::free(block);
+    } else {
+      ::operator delete(block, std::align_val_t(kBlockAlign));
+    }
+  }
+
+  // A main area of 2^bits slots, more than now, over the same range.
+  void grow(std::uint32_t bits) {
+    if (!growInPlace(bits)) rebuild(bits, 0, lo_, range_);
+  }
+  // Grows the main area to 2^bits slots within the table's own block, for
+  // members that may be moved as bytes. The block is reallocated (a large
+  // one by moving its pages rather than copying them, so only the added part
+  // is touched for the first time; that is most of what growing costs) and
+  // the members spread out in place, from the last down. With the range
+  // unchanged and more slots no home moves down, so no member's new slot is
+  // before its old one, and moving the last first never overwrites a member
+  // not yet moved. New slots are computed in a forward pass that keeps the
+  // slot of every kGrowChunk-th member; the backward pass recomputes a chunk
+  // at a time from those. Returns false, having changed nothing, where it
+  // does not apply.
+  bool growInPlace(std::uint32_t bits) {
+    if constexpr (!kMallocBlock || !kTrivialMember) {
+      static_cast<void>(bits);
+      return false;
+    } else {
+      if (size_ < kMinGrowInPlace || bits <= bits_) return false;
+      std::size_t const main = std::size_t(1) << bits;
+      std::uint64_t const scale = scaleFor(bits, range_);
+      auto placeWith = [&](std::uint32_t rev) {
+        std::uint32_t d = rev - lo_;
+        d = rev < lo_ ? 0 : d;
+        d = d > range_ ? range_ : d;
+        return (std::uint64_t(d) * scale) >> 24;
+      };
+      // (old slot, new slot) of every kGrowChunk-th member.
+      std::vector<std::pair<std::size_t, std::size_t>> marks;
+      marks.reserve(size_ / kGrowChunk + 1);
+      std::size_t next = 0, count = 0;
+      for (std::size_t i = firstHint_; i < limit_; ++i) {
+        if (states_[i] != kFull) continue;
+        std::size_t const at = std::max(static_cast<std::size_t>(placeWith(revs_[i]) >> 8), next);
+        if (count++ % kGrowChunk == 0) marks.emplace_back(i, at);
+        next = at + 1;
+      }
+      std::size_t overflow = defaultOverflow(bits);
+      if (next > main) overflow = std::max(overflow, (next - main) * 2);
+      std::size_t const limit = main + overflow;
+      Layout const was = layoutFor(limit_ + 1), will = layoutFor(limit + 1);
+      // The old reversed hashes and states are copied out first, beyond the
+      // old block, before members spread over where they were.
+      if (will.revsAt < was.bytes) return false;
+      void* const block = std::realloc(members_, will.bytes);
+      if (!block) throw std::bad_alloc();
+      Table const t = tableAt(block, will);
+      auto* const bytes = static_cast<unsigned char*>(block);
+      std::memcpy(t.revs, bytes + was.revsAt, (limit_ + 1) * sizeof(std::uint32_t));
+      std::memcpy(t.states, bytes + was.statesAt, limit_ + 1);
+      std::size_t const oldLimit = limit_;
+      members_ = t.members;
+      revs_ = t.revs;
+      probes_ = t.probes;
+      states_ = t.states;
+      scale_ = scale;
+      bits_ = bits;
+      overflow_ = static_cast<std::uint32_t>(overflow);
+      limit_ = limit;
+      revs_[limit] = kNoRev;
+      probes_[limit] = kNoProbe;
+      states_[limit] = kEnd;
+      std::size_t high = limit;  // slots from here on are written
+      struct Move {
+        std::size_t from, to;
+        std::uint64_t place;
+      };
+      std::array<Move, kGrowChunk> chunk;
+      for (std::size_t c = marks.size(); c-- > 0;) {
+        std::size_t const stop = c + 1 < marks.size() ? marks[c + 1].first : oldLimit;
+        std::size_t m = 0;
+        next = marks[c].second;
+        for (std::size_t i = marks[c].first; i < stop; ++i) {
+          if (states_[i] != kFull) continue;
+          std::uint64_t const place = placeWith(revs_[i]);
+          std::size_t const at = std::max(static_cast<std::size_t>(place >> 8), next);
+          chunk[m++] = {i, at, place};
+          next = at + 1;
+        }
+        for (std::size_t k = m; k-- > 0;) {
+          auto const [from, to, place] = chunk[k];
+          std::uint32_t const rev = revs_[from];
+          clearSlots(t, to + 1, high);
+          if (to != from) std::memcpy(members_[to].bytes, members_[from].bytes, sizeof(Storage));
+          revs_[to] = rev;
+          probes_[to] = probeWordAt(to, place);
+          states_[to] = kFull;
+          high = to;
+        }
+      }
+      clearSlots(t, 0, high);
+      firstHint_ = high;
+      ++epoch_;
+      return true;
+    }
+  }
 
   // Rebuilds the table with a main area of 2^bits slots, at least
   // minOverflow overflow slots and the range [lo, lo + range]. The old table
-  // is already in order, so this is one pass: each member goes to its home or
-  // right after the previous one.
+  // is already in order, so this is one pass writing each new slot once:
+  // each member goes to its home or right after the previous one. (Should
+  // the members run past the overflow area, it is widened on the way.)
   void rebuild(std::uint32_t bits, std::size_t minOverflow, std::uint32_t lo, std::uint32_t range) {
     std::size_t const main = std::size_t(1) << bits;
     Storage* const oldMembers = members_;
@@ -764,26 +919,35 @@ class HashMap {
     lo_ = lo;
     range_ = range;
     scale_ = scaleFor(bits, range);
-    std::size_t next = 0;
-    for (std::size_t i = 0; i < oldLimit; ++i) {
-      if (oldStates[i] == kFull) next = std::max<std::size_t>(homeOf(oldRevs[i]), next) + 1;
-    }
     std::size_t overflow = std::max(minOverflow, defaultOverflow(bits));
-    if (next > main) overflow = std::max(overflow, (next - main) * 2);
-    Table const fresh = allocate(main + overflow + 1);
-    next = 0;
+    Table fresh = allocate(main + overflow + 1, false);
+    std::size_t next = 0;
     std::size_t first = kEndIdx;
     for (std::size_t i = 0; i < oldLimit; ++i) {
       if (oldStates[i] != kFull) continue;
       std::uint32_t const rev = oldRevs[i];
-      std::size_t const at = std::max<std::size_t>(homeOf(rev), next);
+      std::uint64_t const place = placeOf(rev);
+      std::size_t const at = std::max(static_cast<std::size_t>(place >> 8), next);
+      if (at >= main + overflow) {
+        // Leave as much room again beyond the members.
+        std::size_t const wider = std::max(overflow * 2, (at + 1 - main) * 2);
+        Table const t = allocate(main + wider + 1, false);
+        moveSlots(fresh, t, next);
+        deallocate(fresh.block);
+        fresh = t;
+        overflow = wider;
+      }
+      clearSlots(fresh, next, at);
       ::new (static_cast<void*>(fresh.members[at].bytes)) Member(std::move(member(i)));
       std::destroy_at(&member(i));
       fresh.revs[at] = rev;
+      fresh.probes[at] = probeWordAt(at, place);
       fresh.states[at] = kFull;
       if (first == kEndIdx) first = at;
       next = at + 1;
     }
+    clearSlots(fresh, next, main + overflow + 1);
+    fresh.states[main + overflow] = kEnd;
     if (oldMembers) deallocate(oldMembers);
     members_ = fresh.members;
     revs_ = fresh.revs;
@@ -793,10 +957,19 @@ class HashMap {
     overflow_ = static_cast<std::uint32_t>(overflow);
     limit_ = main + overflow;
     firstHint_ = first == kEndIdx ? 0 : first;
-    for (std::size_t i = firstHint_; i < next; ++i) {
-      if (states_[i] == kFull) probes_[i] = probeWord(i, revs_[i]);
-    }
     ++epoch_;
+  }
+  // Moves the first n slots of `from` (all written) to `to`.
+  static void moveSlots(Table const& from, Table const& to, std::size_t n) {
+    std::memcpy(to.revs, from.revs, n * sizeof(std::uint32_t));
+    std::memcpy(to.probes, from.probes, n * sizeof(std::uint16_t));
+    std::memcpy(to.states, from.states, n);
+    for (std::size_t i = 0; i < n; ++i) {
+      if (from.states[i] != kFull) continue;
+      auto* m = std::launder(reinterpret_cast<Member*>(from.members[i].bytes));
+      ::new (static_cast<void*>(to.members[i].bytes)) Member(std::move(*m));
+      std::destroy_at(m);
+    }
   }
 
   void copyFrom(HashMap const& o) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -523,6 +524,71 @@ TEST(HashMapTest, RefittingTheRangeKeepsTheOrderAndIterators) {
   EXPECT_TRUE(m.empty());
   for (Id k : expected) m.insertOrAssign(k, 0);
   EXPECT_EQ(keysOf(m), expected);
+}
+
+// Large tables of plain members grow inside their own block, the members
+// spreading out from the last down. Whatever the keys (runs far from their
+// homes, equal hashes, a refitted range), each growth keeps every member, the
+// order and the iterators held across it.
+template <class K>
+class HashMapGrowthTest : public testing::Test {};
+using GrowthKeys = testing::Types<Id, Crowded, Clustered>;
+TYPED_TEST_SUITE(HashMapGrowthTest, GrowthKeys);
+
+TYPED_TEST(HashMapGrowthTest, GrowingKeepsMembersOrderAndIterators) {
+  using K = TypeParam;
+  std::mt19937_64 rng(11);
+  Vela::HashMap<K, std::uint64_t> m;
+  std::map<K, std::uint64_t, Model<Vela::HashMap<K, int>>> ref;
+  auto check = [&] {
+    ASSERT_EQ(m.size(), ref.size());
+    auto r = ref.begin();
+    for (auto const& [k, v] : m) {
+      ASSERT_EQ(k, r->first);
+      ASSERT_EQ(v, r->second);
+      ++r;
+    }
+    for (auto const& [k, v] : ref) ASSERT_EQ(*m.lookup(k), v);
+  };
+  std::size_t growths = 0;
+  std::size_t capacity = m.capacity();
+  std::optional<K> held;
+  typename Vela::HashMap<K, std::uint64_t>::iterator it;
+  for (std::uint64_t step = 0; step < 60000; ++step) {
+    K const k{rng() % 200000};
+    if (rng() % 5 == 0) {
+      m.erase(k);
+      ref.erase(k);
+    } else {
+      m.insertOrAssign(k, step);
+      ref[k] = step;
+    }
+    if (!held && ref.size() > 3000) {
+      held = ref.begin()->first;
+      it = m.find(*held);
+      ref.erase(std::next(ref.begin()));  // the member after it goes, so ++ must find its place
+      m.erase(std::next(it).key());
+    }
+    if (m.capacity() != capacity) {
+      capacity = m.capacity();
+      ++growths;
+      ASSERT_NO_FATAL_FAILURE(check()) << "after growing to " << capacity << " slots";
+      if (held && ref.contains(*held)) {
+        ASSERT_EQ(it.key(), *held);
+        ASSERT_EQ(std::next(it).key(), std::next(ref.find(*held))->first);
+      }
+    }
+  }
+  EXPECT_GE(growths, 4u);
+
+  // Keys arriving in order refit the range; growing keeps it.
+  std::vector<K> inOrder;
+  for (std::uint64_t i = 0; i < 30000; ++i) inOrder.push_back(K{200000 + i});
+  std::sort(inOrder.begin(), inOrder.end(), Model<Vela::HashMap<K, int>>());
+  Vela::HashMap<K, std::uint64_t> fresh;
+  for (K const& key : inOrder) fresh.insertOrAssign(key, 0);
+  EXPECT_EQ(keysOf(fresh), inOrder);
+  for (K const& key : inOrder) ASSERT_TRUE(fresh.contains(key));
 }
 
 TEST(HashMapTest, SmallMapsAreSmall) {
