@@ -42,7 +42,9 @@
 // compare, so a lookup reads only probe words until it reaches its member, and
 // a miss usually reads nothing else. An empty map allocates nothing and a
 // small one only a few slots. Members are moved when the table shifts
-// or grows, so keys and values should have cheap, non-throwing moves.
+// or grows, so keys and values should have cheap, non-throwing moves; those
+// that may be moved as bytes (Relocatable.h) are shifted with memmove, and a
+// large table of them grows in place.
 // Arguments to tryEmplace/insertOrAssign may refer into the map.
 #pragma once
 
@@ -65,6 +67,7 @@
 
 #include "framework/Vela/Exception.h"
 #include "framework/Vela/Hash.h"
+#include "framework/Vela/Relocatable.h"
 
 namespace Vela {
 
@@ -110,7 +113,8 @@ class HashMap {
   static constexpr std::size_t kMinRefitSize = 32;
   static constexpr std::size_t kRefitTrim = 8;  // members left out at each end when refitting
   static constexpr bool kOrderedTies = internal::LessComparable<K>;
-  static constexpr bool kTrivialMember = std::is_trivially_copyable_v<Member>;
+  // Members that may be moved as bytes (see Relocatable.h).
+  static constexpr bool kBytewiseMember = kTriviallyRelocatable<K> && kTriviallyRelocatable<V>;
   // Growth in place applies from this size on, marking every kGrowChunk-th member.
   static constexpr std::size_t kMinGrowInPlace = 4096;
   static constexpr std::size_t kGrowChunk = 256;
@@ -719,7 +723,7 @@ class HashMap {
     if (from == to) return;
     std::memmove(revs_ + from + 1, revs_ + from, (to - from) * sizeof(std::uint32_t));
     states_[to] = kFull;
-    if constexpr (kTrivialMember) {
+    if constexpr (kBytewiseMember) {
       std::memmove(static_cast<void*>(members_ + from + 1), members_ + from, (to - from) * sizeof(Storage));
     } else {
       for (std::size_t i = to; i > from; --i) moveMember(i - 1, i);
@@ -730,7 +734,7 @@ class HashMap {
   void shiftLeft(std::size_t from, std::size_t to) {
     if (to - from <= 1) return;
     std::memmove(revs_ + from, revs_ + from + 1, (to - from - 1) * sizeof(std::uint32_t));
-    if constexpr (kTrivialMember) {
+    if constexpr (kBytewiseMember) {
       std::memmove(static_cast<void*>(members_ + from), members_ + from + 1,
                    (to - from - 1) * sizeof(Storage));
     } else {
@@ -818,7 +822,7 @@ class HashMap {
   // at a time from those. Returns false, having changed nothing, where it
   // does not apply.
   bool growInPlace(std::uint32_t bits) {
-    if constexpr (!kMallocBlock || !kTrivialMember) {
+    if constexpr (!kMallocBlock || !kBytewiseMember) {
       static_cast<void>(bits);
       return false;
     } else {

@@ -13,6 +13,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "framework/Vela/Relocatable.h"
+
 namespace Vela {
 
 class RefCounted {
@@ -78,6 +80,10 @@ class Ptr {
  private:
   T* p_ = nullptr;
 };
+
+// A counted reference is one pointer: moving its bytes moves it.
+template <class T>
+struct TriviallyRelocatable<Ptr<T>> : std::true_type {};
 
 template <class T, class... Args>
 Ptr<T> make(Args&&... args) {

@@ -15,6 +15,7 @@
 
 #include "framework/Vela/HashMap.h"
 #include "framework/Vela/OrderedMap.h"
+#include "framework/Vela/Ptr.h"
 
 namespace {
 
@@ -589,6 +590,31 @@ TYPED_TEST(HashMapGrowthTest, GrowingKeepsMembersOrderAndIterators) {
   for (K const& key : inOrder) fresh.insertOrAssign(key, 0);
   EXPECT_EQ(keysOf(fresh), inOrder);
   for (K const& key : inOrder) ASSERT_TRUE(fresh.contains(key));
+}
+
+// Counted references are moved as bytes too: after growing, shifting and
+// erasing, every object is counted exactly by those who hold it.
+TEST(HashMapTest, CountedReferencesSurviveGrowingInPlace) {
+  struct Counted : Vela::RefCounted {
+    std::uint64_t v;
+    explicit Counted(std::uint64_t v) : v(v) {}
+  };
+  static_assert(Vela::kTriviallyRelocatable<Vela::Ptr<Counted>>);
+  std::vector<Vela::Ptr<Counted>> held;
+  Vela::HashMap<Id, Vela::Ptr<Counted>> m;
+  for (std::uint64_t i = 0; i < 20000; ++i) {
+    held.push_back(Vela::make<Counted>(i));
+    m.insertOrAssign(Id{i}, held.back());
+  }
+  for (std::uint64_t i = 0; i < 20000; i += 3) m.erase(Id{i});
+  for (std::uint64_t i = 0; i < 20000; ++i) {
+    ASSERT_EQ(held[i]->refCount(), i % 3 ? 2u : 1u) << i;
+    if (i % 3) {
+      ASSERT_EQ((*m.lookup(Id{i}))->v, i);
+    }
+  }
+  m.clear();
+  for (auto const& p : held) ASSERT_EQ(p->refCount(), 1u);
 }
 
 TEST(HashMapTest, SmallMapsAreSmall) {
