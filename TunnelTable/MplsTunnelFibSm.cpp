@@ -524,8 +524,9 @@ void MplsTunnelFibSm::drainTunnelBacklog() {
     // iterator survives that and finds its place again.
     updateTunnelFibEntry(id);
     ++reviewed;
-    tunnelForReviewDel(id);
-    ++it;
+    // Reviews only ever add to the backlog, so the iterator still finds the
+    // id; erasing through it spares looking the id up again.
+    it = tunnelForReview_.erase(it);
     if (task_->taskShouldYield()) {
       SKEIN_TRACE(6, "drainTunnelBacklog: Yielding");
       tunnelReviewBookmark_ = it == tunnelForReview_.end() ? TunnelId() : it.key();
