@@ -20,7 +20,8 @@
 // small array, sorted in iteration order, and only a larger set moves into a
 // HashMap<K, bool>; it moves back when it shrinks to half that. The set itself
 // is 16 bytes (one pointer and two counters), an empty set allocates nothing,
-// and a set of n <= 8 members one array of n to 8 keys. Iterators are for
+// and a set of n <= 8 members one block of n to 8 keys followed by their
+// reversed hashes, so that placing a new member hashes only the new one. Iterators are for
 // reading only: any change to the set invalidates them.
 //
 // VELA_VALUE_SET (at the end) declares a set-valued field of a value type with
@@ -30,6 +31,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <initializer_list>
 #include <iterator>
@@ -168,6 +170,8 @@ class ValueSet {
     std::size_t const i = static_cast<std::size_t>(found - items);
     std::move(items + i + 1, items + size_, items + i);
     std::destroy_at(items + size_ - 1);
+    unsigned char* const r = revs() + i * sizeof(std::uint32_t);
+    std::memmove(r, r + sizeof(std::uint32_t), (size_ - i - 1) * sizeof(std::uint32_t));
     --size_;
     if (size_ == 0) release();
     return true;
@@ -216,6 +220,25 @@ class ValueSet {
 
   bool isLarge() const noexcept { return cap_ == kLarge; }
   K* small() const noexcept { return static_cast<K*>(rep_); }
+  // The reversed hashes of the array's members follow its cap keys (bytes,
+  // as nothing guarantees their alignment after the keys).
+  static unsigned char* revsOf(K* items, std::uint32_t cap) noexcept {
+    return reinterpret_cast<unsigned char*>(items + cap);
+  }
+  unsigned char* revs() const noexcept { return revsOf(small(), cap_); }
+  std::uint32_t revAt(std::uint32_t i) const noexcept {
+    std::uint32_t r;
+    std::memcpy(&r, revs() + i * sizeof r, sizeof r);
+    return r;
+  }
+  // Room for cap keys and their reversed hashes, in keys.
+  static std::size_t blockKeys(std::uint32_t cap) {
+    return cap + (cap * sizeof(std::uint32_t) + sizeof(K) - 1) / sizeof(K);
+  }
+  static K* allocateSmall(std::uint32_t cap) { return std::allocator<K>().allocate(blockKeys(cap)); }
+  static void deallocateSmall(K* items, std::uint32_t cap) {
+    std::allocator<K>().deallocate(items, blockKeys(cap));
+  }
   Map* map() const noexcept { return static_cast<Map*>(rep_); }
   static std::uint32_t revOf(K const& k) { return bitReverse32(static_cast<std::uint32_t>(H()(k))); }
 
@@ -233,7 +256,7 @@ class ValueSet {
     std::uint32_t const rev = revOf(k);
     std::uint32_t pos = 0;
     for (K const* items = small(); pos < size_; ++pos) {
-      std::uint32_t const r = revOf(items[pos]);
+      std::uint32_t const r = revAt(pos);
       if (r > rev) break;
       if constexpr (kOrderedTies) {
         if (r == rev && k < items[pos]) break;
@@ -248,16 +271,19 @@ class ValueSet {
       std::move_backward(items + pos, items + size_ - 1, items + size_);
       items[pos] = k;
     }
+    unsigned char* const r = revs() + pos * sizeof rev;
+    std::memmove(r + sizeof rev, r, (size_ - pos) * sizeof rev);
+    std::memcpy(r, &rev, sizeof rev);
     ++size_;
   }
 
   void reallocateSmall(std::uint32_t cap) {
-    std::allocator<K> alloc;
-    K* fresh = alloc.allocate(cap);
+    K* fresh = allocateSmall(cap);
     K* items = small();
     std::uninitialized_move(items, items + size_, fresh);
+    if (items) std::memcpy(revsOf(fresh, cap), revs(), size_ * sizeof(std::uint32_t));
     std::destroy(items, items + size_);
-    if (items) alloc.deallocate(items, cap_);
+    if (items) deallocateSmall(items, cap_);
     rep_ = fresh;
     cap_ = cap;
   }
@@ -283,6 +309,8 @@ class ValueSet {
     // The map's order is the array's order.
     for (auto it = std::as_const(*old).begin(); it != std::as_const(*old).end(); ++it) {
       std::construct_at(small() + size_, it.key());
+      std::uint32_t const rev = revOf(it.key());
+      std::memcpy(revs() + size_ * sizeof rev, &rev, sizeof rev);
       ++size_;
     }
   }
@@ -295,14 +323,14 @@ class ValueSet {
       cap_ = kLarge;
       return;
     }
-    std::allocator<K> alloc;
-    K* fresh = alloc.allocate(o.size_);
+    K* fresh = allocateSmall(o.size_);
     try {
       std::uninitialized_copy(o.small(), o.small() + o.size_, fresh);
     } catch (...) {
-      alloc.deallocate(fresh, o.size_);
+      deallocateSmall(fresh, o.size_);
       throw;
     }
+    std::memcpy(revsOf(fresh, o.size_), o.revs(), o.size_ * sizeof(std::uint32_t));
     rep_ = fresh;
     size_ = o.size_;
     cap_ = o.size_;
@@ -313,14 +341,14 @@ class ValueSet {
       delete map();
     } else if (rep_) {
       std::destroy(small(), small() + size_);
-      std::allocator<K>().deallocate(small(), cap_);
+      deallocateSmall(small(), cap_);
     }
     rep_ = nullptr;
     size_ = 0;
     cap_ = 0;
   }
 
-  void* rep_ = nullptr;     // K[cap_] in iteration order, or a Map when cap_ == kLarge
+  void* rep_ = nullptr;  // K[cap_] in iteration order and their reversed hashes, or a Map when cap_ == kLarge
   std::uint32_t size_ = 0;  // members
   std::uint32_t cap_ = 0;   // array slots, or kLarge
 };
