@@ -36,6 +36,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "framework/Vela/Hash.h"
@@ -231,13 +232,13 @@ class ValueSet {
     std::memcpy(&r, revs() + i * sizeof r, sizeof r);
     return r;
   }
-  // Room for cap keys and their reversed hashes, in keys.
-  static std::size_t blockKeys(std::uint32_t cap) {
-    return cap + (cap * sizeof(std::uint32_t) + sizeof(K) - 1) / sizeof(K);
+  // A block of cap keys and their reversed hashes.
+  static std::size_t blockBytes(std::uint32_t cap) { return cap * (sizeof(K) + sizeof(std::uint32_t)); }
+  static K* allocateSmall(std::uint32_t cap) {
+    return static_cast<K*>(::operator new(blockBytes(cap), std::align_val_t(alignof(K))));
   }
-  static K* allocateSmall(std::uint32_t cap) { return std::allocator<K>().allocate(blockKeys(cap)); }
   static void deallocateSmall(K* items, std::uint32_t cap) {
-    std::allocator<K>().deallocate(items, blockKeys(cap));
+    ::operator delete(items, blockBytes(cap), std::align_val_t(alignof(K)));
   }
   Map* map() const noexcept { return static_cast<Map*>(rep_); }
   static std::uint32_t revOf(K const& k) { return bitReverse32(static_cast<std::uint32_t>(H()(k))); }
