@@ -237,9 +237,8 @@ class ValueSet {
   static K* allocateSmall(std::uint32_t cap) {
     return static_cast<K*>(::operator new(blockBytes(cap), std::align_val_t(alignof(K))));
   }
-  static void deallocateSmall(K* items, std::uint32_t cap) {
-    ::operator delete(items, blockBytes(cap), std::align_val_t(alignof(K)));
-  }
+  // Unsized delete: not every compiler we build with enables sized deallocation.
+  static void deallocateSmall(K* items) { ::operator delete(items, std::align_val_t(alignof(K))); }
   Map* map() const noexcept { return static_cast<Map*>(rep_); }
   static std::uint32_t revOf(K const& k) { return bitReverse32(static_cast<std::uint32_t>(H()(k))); }
 
@@ -284,7 +283,7 @@ class ValueSet {
     std::uninitialized_move(items, items + size_, fresh);
     if (items) std::memcpy(revsOf(fresh, cap), revs(), size_ * sizeof(std::uint32_t));
     std::destroy(items, items + size_);
-    if (items) deallocateSmall(items, cap_);
+    if (items) deallocateSmall(items);
     rep_ = fresh;
     cap_ = cap;
   }
@@ -328,7 +327,7 @@ class ValueSet {
     try {
       std::uninitialized_copy(o.small(), o.small() + o.size_, fresh);
     } catch (...) {
-      deallocateSmall(fresh, o.size_);
+      deallocateSmall(fresh);
       throw;
     }
     std::memcpy(revsOf(fresh, o.size_), o.revs(), o.size_ * sizeof(std::uint32_t));
@@ -342,7 +341,7 @@ class ValueSet {
       delete map();
     } else if (rep_) {
       std::destroy(small(), small() + size_);
-      deallocateSmall(small(), cap_);
+      deallocateSmall(small());
     }
     rep_ = nullptr;
     size_ = 0;
