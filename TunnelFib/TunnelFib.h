@@ -118,6 +118,8 @@ class MplsTunnelFib : public Vela::Entity {
   MplsTunnelFibEntry const& entry(TunnelId id) const { return entry_.get(id); }
   // Stores the entry under its tunnelId; notifies only when that changes it.
   void entryIs(MplsTunnelFibEntry const& e);
+  // The same, taking the entry's vias over when it is stored.
+  void entryIs(MplsTunnelFibEntry&& e);
   // The same as entryIs().
   void newEntry(MplsTunnelFibEntry const& e) { entryIs(e); }
   void entryDel(TunnelId id);

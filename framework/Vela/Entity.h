@@ -110,21 +110,10 @@ class ValueCollection {
   bool empty() const { return map_.empty(); }
 
   // Inserts or replaces; notifies only when the stored value changed.
-  // A set takes only true.
-  bool set(K const& k, V const& v) {
-    if constexpr (kKeysOnly) {
-      VELA_ASSERT(v == V{true});
-      if (!map_.insert(k)) return false;
-    } else {
-      auto [it, inserted] = map_.tryEmplace(k, v);
-      if (!inserted) {
-        if (it.value() == v) return false;
-        it.value() = v;
-      }
-    }
-    changed_.emit(k);
-    return true;
-  }
+  // A set takes only true. A value passed as an rvalue is moved in, and
+  // left as it was when equal to the stored one.
+  bool set(K const& k, V const& v) { return store(k, v); }
+  bool set(K const& k, V&& v) { return store(k, std::move(v)); }
   bool del(K const& k) {
     if (!map_.erase(k)) return false;
     changed_.emit(k);
@@ -140,6 +129,23 @@ class ValueCollection {
   Signal<K> const& changed() const { return changed_; }
 
  private:
+  template <class U>
+  bool store(K const& k, U&& v) {
+    if constexpr (kKeysOnly) {
+      VELA_ASSERT(v == V{true});
+      if (!map_.insert(k)) return false;
+    } else {
+      // tryEmplace consumes `v` only when it inserts.
+      auto [it, inserted] = map_.tryEmplace(k, std::forward<U>(v));
+      if (!inserted) {
+        if (it.value() == v) return false;
+        it.value() = std::forward<U>(v);
+      }
+    }
+    changed_.emit(k);
+    return true;
+  }
+
   static V const& defaultValue() {
     static V const v{};
     return v;

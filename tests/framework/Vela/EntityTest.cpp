@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "framework/Vela/Entity.h"
@@ -58,6 +59,22 @@ TEST(EntityTest, EqualWriteNotifiesNoOne) {
   box->labelDel(2);
   box->labelDel(1);
   EXPECT_EQ(r.seen, (std::vector<std::string>{"size", "label1", "label1", "label1"}));
+}
+
+// A value handed over as an rvalue is taken only when it changes the
+// collection; an equal one stays with the caller, untouched.
+TEST(EntityTest, RvalueWriteTakesTheValueOnlyOnChange) {
+  Vela::ValueCollection<int, std::string> c;
+  std::vector<int> heard;
+  auto const conn = c.changed().connect([&](int k) { heard.push_back(k); });
+  std::string const a(40, 'a'), b(40, 'b');  // longer than any inline string buffer
+  std::string first = a, same = a, other = b;
+  EXPECT_TRUE(c.set(1, std::move(first)));
+  EXPECT_FALSE(c.set(1, std::move(same)));
+  EXPECT_EQ(same, a);
+  EXPECT_TRUE(c.set(1, std::move(other)));
+  EXPECT_EQ(c.get(1), b);
+  EXPECT_EQ(heard, (std::vector<int>{1, 1}));
 }
 
 TEST(EntityTest, AbsentKeyReadsAsDefault) {
