@@ -37,6 +37,9 @@ constexpr char const kFnUpdateTunnelFibEntry[] =
 
 MplsTunnelFibSm::TunnelIdSet const kNoTunnels;
 
+// How many reviews ahead the drain prefetches, and how many ids at a time.
+constexpr std::uint64_t kReadAhead = 16;
+
 // The entry of `id` in `table`, or null when there is no table or no entry.
 template <class Table>
 auto const* findEntry(Vela::Ptr<Table const> const& table, TunnelId const& id) {
@@ -388,63 +391,71 @@ void MplsTunnelFibSm::settleDependencies(TunnelId const& id) {
   assignSet(record->resolvedByTunnels, reviewResolved_);
 }
 
+template <class F>
+bool MplsTunnelFibSm::withTableEntry(TunnelId const& id, F&& f) const {
+  auto const visit = [&id, &f](auto const& table) {
+    auto const* entry = findEntry(table, id);
+    if (entry) f(*entry);
+    return entry != nullptr;
+  };
+  switch (id.tunnelType()) {
+    case TunnelType::bgpLuPushTunnel:
+      return visit(bgpLuPushTable());
+    case TunnelType::bgpLuTunnel:
+      return visit(bgpLuTable());
+    case TunnelType::staticTunnel:
+      return visit(staticTable());
+    case TunnelType::ldpTunnel:
+      return visit(ldpTable());
+    case TunnelType::srTunnel:
+      return visit(srTable());
+    case TunnelType::srTeSegmentListTunnel:
+      return visit(srTeSegmentListTable());
+    default:
+      return false;
+  }
+}
+
 void MplsTunnelFibSm::resolveTunnel(Vela::Ptr<MplsTunnelFibSm> const& self, MplsTunnelFibEntry& fibEntry,
                                     bool& gone) {
   TunnelId const id = fibEntry.tunnelId();
   switch (id.tunnelType()) {
-    case TunnelType::bgpLuPushTunnel:
-      if (auto const* entry = findEntry(bgpLuPushTable(), id)) {
-        calculateTunnelFibEntryVias(self, fibEntry, *entry);
-      } else {
-        gone = true;
-      }
-      break;
-    case TunnelType::bgpLuTunnel:
-      if (auto const* entry = findEntry(bgpLuTable(), id)) {
-        calculateTunnelFibEntryVias(self, fibEntry, *entry);
-      } else {
-        gone = true;
-      }
-      break;
-    case TunnelType::staticTunnel:
-      if (auto const* entry = findEntry(staticTable(), id)) {
-        calculateTunnelFibEntryVias(self, fibEntry, *entry);
-      } else {
-        gone = true;
-      }
-      break;
-    case TunnelType::ldpTunnel:
-      if (auto const* entry = findEntry(ldpTable(), id)) {
-        for (MplsVia const& via : entry->vias()) calculateTunnelFibEntryMplsVia(self, fibEntry, via);
-      } else {
-        gone = true;
-      }
-      break;
-    case TunnelType::srTunnel:
-      if (auto const* entry = findEntry(srTable(), id)) {
-        for (MplsVia const& via : entry->vias()) calculateTunnelFibEntryMplsVia(self, fibEntry, via);
-      } else {
-        gone = true;
-      }
-      break;
-    case TunnelType::srTeSegmentListTunnel:
-      if (auto const* entry = findEntry(srTeSegmentListTable(), id)) {
-        for (MplsVia const& via : entry->vias()) calculateTunnelFibEntryMplsVia(self, fibEntry, via);
-      } else {
-        gone = true;
-      }
-      break;
     case TunnelType::invalidTunnel:
     case TunnelType::nexthopTunnel:
     case TunnelType::evpnVxlanTunnel:
     case TunnelType::staticInterfaceTunnel:
     case TunnelType::maxTunnelType:
       VELA_ASSERT_TEXT(false, "0 && \"Unsupported tunnel type\"");
+      return;
+    case TunnelType::bgpLuPushTunnel:
+    case TunnelType::bgpLuTunnel:
+    case TunnelType::staticTunnel:
+    case TunnelType::ldpTunnel:
+    case TunnelType::srTunnel:
+    case TunnelType::srTeSegmentListTunnel:
       break;
     default:
       // Kinds 10 to 14: no vias, so the tunnel is reported unprogrammable as
       // if its table entry existed. Deliberately unlike the asserting kinds above.
-      break;
+      return;
+  }
+  gone = !withTableEntry(id, [&](auto const& entry) {
+    if constexpr (requires { calculateTunnelFibEntryVias(self, fibEntry, entry); }) {
+      // Tunnels with a label operation of their own: BGP LU, BGP LU push, static.
+      calculateTunnelFibEntryVias(self, fibEntry, entry);
+    } else {
+      // Tunnels whose vias carry their labels: LDP, SR, SR-TE segment lists.
+      for (MplsVia const& via : entry.vias()) calculateTunnelFibEntryMplsVia(self, fibEntry, via);
+    }
+  });
+}
+
+void MplsTunnelFibSm::prefetchReview(TunnelId const& id) const {
+  withTableEntry(id, [](auto const& entry) { entry.vias().prefetch(); });
+  if (auto const* fibEntry = mplsTunnelFib_->entrys().lookup(id)) fibEntry->vias().prefetch();
+  if (auto const* record = tunnelDependencies_.lookup(id)) {
+    record->tunnelsDirectlyDependingOn.prefetch();
+    record->resolvedByTunnels.prefetch();
   }
 }
 
@@ -472,7 +483,7 @@ void MplsTunnelFibSm::updateTunnelFibEntry(TunnelId const& tunnelId) {
   settleDependencies(id);
 
   if (!fibEntry.vias().empty()) {
-    mplsTunnelFib_->entryIs(fibEntry);
+    mplsTunnelFib_->entryIs(std::move(fibEntry));
     if (unprogrammableTunnelId_ && unprogrammableTunnelId_->entry(id)) {
       SKEIN_TRACE(8, kFnUpdateTunnelFibEntry << " " << id << " is now programmable");
       unprogrammableTunnelId_->entryDel(id);
@@ -512,13 +523,31 @@ void MplsTunnelFibSm::drainTunnelBacklog() {
   // bookmarked id is still queued (iteration is in bit-reversed hash order).
   auto it = tunnelForReview_.iterFrom(tunnelReviewBookmark_);
   std::uint64_t reviewed = 0;
+  // Reviews wait mostly for blocks that the table and FIB entries and the
+  // dependency records point to, one block each and scattered over the heap.
+  // Every kReadAhead reviews, the blocks of the kReadAhead ids after the next
+  // kReadAhead are prefetched (at the start, and after a wrap, also those of
+  // the next ones), so that the loads overlap instead of waiting in turn.
+  std::uint64_t untilReadAhead = 0;
+  bool readAheadNear = true;
   for (;;) {
     if (it == tunnelForReview_.end()) {
       if (tunnelForReview_.empty()) break;
       // Wrap around: ids queued behind the iterator during this run, and
       // those before the bookmark, are reviewed in the same run.
       it = tunnelForReview_.begin();
+      untilReadAhead = 0;
+      readAheadNear = true;
     }
+    if (untilReadAhead == 0) {
+      auto ahead = it;
+      for (std::uint64_t i = 0; i < 2 * kReadAhead && !(ahead == tunnelForReview_.end()); ++i, ++ahead) {
+        if (readAheadNear || i >= kReadAhead) prefetchReview(ahead.key());
+      }
+      untilReadAhead = kReadAhead;
+      readAheadNear = false;
+    }
+    --untilReadAhead;
     TunnelId const id = it.key();
     // The review may queue other ids (through the FIB notification); the
     // iterator survives that and finds its place again.

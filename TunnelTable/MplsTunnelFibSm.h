@@ -269,9 +269,15 @@ class MplsTunnelFibSm : public Vela::Entity {
   // Queues every id of `table` through `handler`.
   template <class Table>
   void queueAll(Vela::Ptr<Table const> const& table, void (MplsTunnelFibSm::*handler)(TunnelId const&));
+  // Calls f with the entry of `id` in the table of its tunnel type, if it has
+  // one; returns whether it had. False for the types of no table.
+  template <class F>
+  bool withTableEntry(TunnelId const& id, F&& f) const;
   // Step 3 of a review: fills `fibEntry` from the table entry of its tunnel;
   // sets `gone` when the table has no entry for it.
   void resolveTunnel(Vela::Ptr<MplsTunnelFibSm> const& self, MplsTunnelFibEntry& fibEntry, bool& gone);
+  // Starts loading the blocks the review of `id` will read (see drainTunnelBacklog()).
+  void prefetchReview(TunnelId const& id) const;
   // Ends the review of `id`: writes what its resolution recorded into the
   // dependency maps, touching only what changed (see the .cpp).
   void settleDependencies(TunnelId const& id);

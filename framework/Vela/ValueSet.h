@@ -41,6 +41,7 @@
 
 #include "framework/Vela/Hash.h"
 #include "framework/Vela/HashMap.h"
+#include "framework/Vela/Prefetch.h"
 #include "framework/Vela/Value.h"
 
 namespace Vela {
@@ -179,6 +180,12 @@ class ValueSet {
   }
 
   void clear() noexcept { release(); }
+
+  // Starts loading the members' block (see Prefetch.h); a large set's table
+  // is left alone.
+  void prefetch() const noexcept {
+    if (rep_ && !isLarge()) prefetchBytes(rep_, blockBytes(cap_));
+  }
 
   const_iterator begin() const {
     if (isLarge()) return const_iterator(std::as_const(*map()).begin());
