@@ -452,11 +452,12 @@ void MplsTunnelFibSm::resolveTunnel(Vela::Ptr<MplsTunnelFibSm> const& self, Mpls
 
 void MplsTunnelFibSm::prefetchReview(TunnelId const& id) const {
   withTableEntry(id, [](auto const& entry) { entry.vias().prefetch(); });
-  if (auto const* fibEntry = mplsTunnelFib_->entrys().lookup(id)) fibEntry->vias().prefetch();
   if (auto const* record = tunnelDependencies_.lookup(id)) {
     record->tunnelsDirectlyDependingOn.prefetch();
     record->resolvedByTunnels.prefetch();
   }
+  // The FIB entry's own block is left to the review: on a cold start, when
+  // most ids have none yet, looking them up ahead cost more than it saved.
 }
 
 void MplsTunnelFibSm::updateTunnelFibEntry(TunnelId const& tunnelId) {
@@ -525,6 +526,7 @@ void MplsTunnelFibSm::drainTunnelBacklog() {
   std::uint64_t reviewed = 0;
   // Reviews wait mostly for blocks that the table and FIB entries and the
   // dependency records point to, one block each and scattered over the heap.
+  // (prefetchReview() says which of them are prefetched.)
   // Every kReadAhead reviews, the blocks of the kReadAhead ids after the next
   // kReadAhead are prefetched (at the start, and after a wrap, also those of
   // the next ones), so that the loads overlap instead of waiting in turn.
