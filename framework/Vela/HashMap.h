@@ -410,11 +410,14 @@ class HashMap {
   std::uint32_t revOf(K const& k) const { return bitReverse32(static_cast<std::uint32_t>(hash_(k))); }
   // The interpolated place of rev in the table: its home slot in the top
   // bits, 8 more bits of fraction below (the probe word's fragment).
-  std::uint64_t placeOf(std::uint32_t rev) const {
-    std::uint32_t d = rev - lo_;
-    d = rev < lo_ ? 0 : d;
-    d = d > range_ ? range_ : d;
-    return (std::uint64_t(d) * scale_) >> 24;
+  std::uint64_t placeOf(std::uint32_t rev) const { return placeIn(rev, lo_, range_, scale_); }
+  // The same in a table over [lo, lo + range] with the given scale.
+  static std::uint64_t placeIn(std::uint32_t rev, std::uint32_t lo, std::uint32_t range,
+                               std::uint64_t scale) {
+    std::uint32_t d = rev - lo;
+    d = rev < lo ? 0 : d;
+    d = d > range ? range : d;
+    return (std::uint64_t(d) * scale) >> 24;
   }
   std::size_t homeOf(std::uint32_t rev) const { return static_cast<std::size_t>(placeOf(rev) >> 8); }
   // The factor mapping distances from lo to 32.32 fixed-point slots: the main
@@ -829,12 +832,7 @@ class HashMap {
       if (size_ < kMinGrowInPlace || bits <= bits_) return false;
       std::size_t const main = std::size_t(1) << bits;
       std::uint64_t const scale = scaleFor(bits, range_);
-      auto placeWith = [&](std::uint32_t rev) {
-        std::uint32_t d = rev - lo_;
-        d = rev < lo_ ? 0 : d;
-        d = d > range_ ? range_ : d;
-        return (std::uint64_t(d) * scale) >> 24;
-      };
+      auto placeWith = [this, scale](std::uint32_t rev) { return placeIn(rev, lo_, range_, scale); };
       // (old slot, new slot) of every kGrowChunk-th member.
       std::vector<std::pair<std::size_t, std::size_t>> marks;
       marks.reserve(size_ / kGrowChunk + 1);

@@ -21,8 +21,8 @@
 // HashMap<K, bool>; it moves back when it shrinks to half that. The set itself
 // is 16 bytes (one pointer and two counters), an empty set allocates nothing,
 // and a set of n <= 8 members one block of n to 8 keys followed by their
-// reversed hashes, so that placing a new member hashes only the new one. Iterators are for
-// reading only: any change to the set invalidates them.
+// reversed hashes, so that placing a new member hashes only the new one.
+// Iterators are for reading only: any change to the set invalidates them.
 //
 // VELA_VALUE_SET (at the end) declares a set-valued field of a value type with
 // the conventional accessors, as the VELA_* macros of Entity.h do for entities.
