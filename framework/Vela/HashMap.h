@@ -44,7 +44,8 @@
 // small one only a few slots. Members are moved when the table shifts
 // or grows, so keys and values should have cheap, non-throwing moves; those
 // that may be moved as bytes (Relocatable.h) are shifted with memmove, and a
-// large table of them grows in place.
+// large table of them grows in place. A table of many megabytes asks for
+// large pages (LargeBlock.h).
 // Arguments to tryEmplace/insertOrAssign may refer into the map.
 #pragma once
 
@@ -67,6 +68,7 @@
 
 #include "framework/Vela/Exception.h"
 #include "framework/Vela/Hash.h"
+#include "framework/Vela/LargeBlock.h"
 #include "framework/Vela/Relocatable.h"
 
 namespace Vela {
@@ -789,6 +791,7 @@ class HashMap {
     } else {
       block = ::operator new(l.bytes, std::align_val_t(kBlockAlign));
     }
+    adviseLargeBlock(block, l.bytes);
     Table const t = tableAt(block, l);
     if (clear) {
       clearSlots(t, 0, n);
@@ -852,6 +855,7 @@ class HashMap {
       if (will.revsAt < was.bytes) return false;
       void* const block = std::realloc(members_, will.bytes);
       if (!block) throw std::bad_alloc();
+      adviseLargeBlock(block, will.bytes);
       Table const t = tableAt(block, will);
       auto* const bytes = static_cast<unsigned char*>(block);
       std::memcpy(t.revs, bytes + was.revsAt, (limit_ + 1) * sizeof(std::uint32_t));

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "framework/Vela/HashMap.h"
+#include "framework/Vela/LargeBlock.h"
 #include "framework/Vela/OrderedMap.h"
 #include "framework/Vela/Ptr.h"
 
@@ -615,6 +616,35 @@ TEST(HashMapTest, CountedReferencesSurviveGrowingInPlace) {
   }
   m.clear();
   for (auto const& p : held) ASSERT_EQ(p->refCount(), 1u);
+}
+
+// Tables of many megabytes ask for large pages; whatever the system makes of
+// that, the members, their order and the table's growth and rebuilds are
+// unchanged.
+TEST(HashMapTest, LargeTablesKeepTheirMembers) {
+  EXPECT_FALSE(Vela::adviseLargeBlock(nullptr, Vela::kLargeBlockBytes));
+  std::vector<unsigned char> small(Vela::kLargeBlockBytes - 1, 0x5A);
+  EXPECT_FALSE(Vela::adviseLargeBlock(small.data(), small.size()));
+  std::vector<std::uint64_t> block(Vela::kLargeBlockBytes, 0);
+  for (std::size_t i = 0; i < block.size(); ++i) block[i] = i * 0x9E3779B97F4A7C15ull;
+  Vela::adviseLargeBlock(block.data(), block.size() * sizeof(std::uint64_t));
+  for (std::size_t i = 0; i < block.size(); ++i) ASSERT_EQ(block[i], i * 0x9E3779B97F4A7C15ull) << i;
+
+  // 400,000 members of 16 bytes: a table of over 8 MiB, grown in place and
+  // then rebuilt smaller by erasing.
+  constexpr std::uint64_t kCount = 400000;
+  Vela::HashMap<Id, std::uint64_t> m;
+  for (std::uint64_t i = 0; i < kCount; ++i) m.insertOrAssign(Id{i * 7}, i);
+  ASSERT_GE(m.capacity() * (sizeof(Id) + sizeof(std::uint64_t)), Vela::kLargeBlockBytes);
+  std::vector<Id> keys = keysOf(m);
+  ASSERT_EQ(keys.size(), kCount);
+  EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end(), Model<Vela::HashMap<Id, std::uint64_t>>()));
+  for (std::uint64_t i = 0; i < kCount; ++i) ASSERT_EQ(*m.lookup(Id{i * 7}), i) << i;
+  for (std::uint64_t i = 0; i < kCount; ++i) {
+    if (i % 32) m.erase(Id{i * 7});
+  }
+  EXPECT_EQ(m.size(), kCount / 32);
+  for (std::uint64_t i = 0; i < kCount; i += 32) ASSERT_EQ(*m.lookup(Id{i * 7}), i) << i;
 }
 
 TEST(HashMapTest, SmallMapsAreSmall) {
