@@ -82,7 +82,9 @@ class Ip6Addr {
   // one zero group, optionally ending in a dotted quad. No zone index.
   static Ip6Addr fromStrep(std::string_view text);
 
-  friend constexpr bool operator==(Ip6Addr const&, Ip6Addr const&) = default;
+  friend constexpr bool operator==(Ip6Addr const& a, Ip6Addr const& b) {
+    return Vela::sameWords(a.bytes_, b.bytes_);
+  }
   // Numeric order of the 128-bit value.
   friend constexpr auto operator<=>(Ip6Addr const&, Ip6Addr const&) = default;
 
@@ -132,7 +134,9 @@ class IpGenAddr {
   // "" gives the empty address; a text with ':' is IPv6, any other IPv4.
   static IpGenAddr fromStrep(std::string_view text);
 
-  friend constexpr bool operator==(IpGenAddr const&, IpGenAddr const&) = default;
+  friend constexpr bool operator==(IpGenAddr const& a, IpGenAddr const& b) {
+    return a.af_ == b.af_ && Vela::sameWords(a.bytes_, b.bytes_);
+  }
   friend constexpr std::strong_ordering operator<=>(IpGenAddr const& a, IpGenAddr const& b) {
     if (auto c = a.af_ <=> b.af_; c != 0) return c;
     return a.bytes_ <=> b.bytes_;

@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "framework/Vela/Enum.h"
+#include "framework/Vela/Hash.h"
 
 namespace Nimbo {
 
@@ -79,7 +80,10 @@ class MplsLabelOperation {
   // decimal, at most six); raises Vela::RangeException otherwise.
   static MplsLabelOperation fromStrep(std::string_view text);
 
-  friend bool operator==(MplsLabelOperation const&, MplsLabelOperation const&) = default;
+  friend bool operator==(MplsLabelOperation const& a, MplsLabelOperation const& b) {
+    return a.operation_ == b.operation_ && a.stackSize_ == b.stackSize_ &&
+           Vela::sameWords(a.label_, b.label_);
+  }
   // Action, stack size, then the six slots in order.
   friend auto operator<=>(MplsLabelOperation const&, MplsLabelOperation const&) = default;
 

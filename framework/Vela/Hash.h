@@ -6,7 +6,10 @@
 // Collections order their members by the bit-reversed hash (see HashMap.h).
 #pragma once
 
+#include <array>
+#include <bit>
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -20,6 +23,21 @@ constexpr std::uint32_t bitReverse32(std::uint32_t x) noexcept {
   x = ((x >> 2) & 0x33333333u) | ((x & 0x33333333u) << 2);
   x = ((x >> 4) & 0x0F0F0F0Fu) | ((x & 0x0F0F0F0Fu) << 4);
   return __builtin_bswap32(x);
+}
+
+// Whether two arrays of unsigned integers hold the same values, compared a
+// 64-bit word at a time. Address bytes and label slots are compared on every
+// via lookup; the defaulted comparison of such arrays calls the library's
+// memcmp, which costs more than the compare itself.
+template <class T, std::size_t N>
+requires std::unsigned_integral<T> &&
+    (sizeof(T) * N % sizeof(std::uint64_t) ==
+     0) constexpr bool sameWords(std::array<T, N> const& a, std::array<T, N> const& b) noexcept {
+  using Words = std::array<std::uint64_t, sizeof(T) * N / sizeof(std::uint64_t)>;
+  Words const x = std::bit_cast<Words>(a), y = std::bit_cast<Words>(b);
+  std::uint64_t differ = 0;
+  for (std::size_t i = 0; i < x.size(); ++i) differ |= x[i] ^ y[i];
+  return differ == 0;
 }
 
 // Finalizer of MurmurHash3: a cheap, well-mixing hash of one 32-bit word.

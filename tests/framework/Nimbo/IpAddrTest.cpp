@@ -207,6 +207,9 @@ TEST(IpGenAddrTest, OrdersByFamilyThenNumerically) {
   for (std::size_t i = 0; i < sorted.size(); ++i) {
     for (std::size_t j = 0; j < sorted.size(); ++j) {
       EXPECT_EQ(sorted[i] < sorted[j], i < j) << sorted[i] << " vs " << sorted[j];
+      EXPECT_EQ(sorted[i] == sorted[j], i == j) << sorted[i] << " vs " << sorted[j];
+      EXPECT_EQ(sorted[i].isV6() && sorted[j].isV6() && sorted[i].v6() == sorted[j].v6(),
+                i == j && sorted[i].isV6());
     }
   }
 }

@@ -102,6 +102,11 @@ TEST(MplsLabelOperationTest, EqualityAndHashCoverHiddenSlots) {
   EXPECT_TRUE(a < hidden || hidden < a);
   EXPECT_EQ(hidden.toStrep(), a.toStrep());
   EXPECT_EQ(MplsLabelOperation::fromStrep(hidden.toStrep()), a);
+  auto last = a;
+  last.labelIs(5, 1);  // the last slot too
+  EXPECT_NE(last, a);
+  last.labelIs(5, 0);
+  EXPECT_EQ(last, a);
 
   EXPECT_NE(MplsLabelOperation::pushOf({16}), MplsLabelOperation(MplsAction::swap, {16}));
   EXPECT_LT(MplsLabelOperation::pushOf({16}), MplsLabelOperation(MplsAction::swap, {16}));
