@@ -30,9 +30,9 @@ constexpr std::uint32_t bitReverse32(std::uint32_t x) noexcept {
 // via lookup; the defaulted comparison of such arrays calls the library's
 // memcmp, which costs more than the compare itself.
 template <class T, std::size_t N>
-requires std::unsigned_integral<T> &&
-    (sizeof(T) * N % sizeof(std::uint64_t) ==
-     0) constexpr bool sameWords(std::array<T, N> const& a, std::array<T, N> const& b) noexcept {
+constexpr bool sameWords(std::array<T, N> const& a, std::array<T, N> const& b) noexcept {
+  static_assert(std::is_unsigned_v<T> && sizeof(T) * N % sizeof(std::uint64_t) == 0,
+                "whole 64-bit words of unsigned integers");
   using Words = std::array<std::uint64_t, sizeof(T) * N / sizeof(std::uint64_t)>;
   Words const x = std::bit_cast<Words>(a), y = std::bit_cast<Words>(b);
   std::uint64_t differ = 0;
