@@ -7,7 +7,9 @@
 
 namespace Tunnel::TunnelTable {
 
-TunnelRibEntry::TunnelRibEntry(Nimbo::IpGenPrefix const& tep) : Vela::Entity(tep.toStrep()), tep_(tep) {}
+TunnelRibEntry::TunnelRibEntry(Nimbo::IpGenPrefix const& tep) : Vela::Entity(NamedOnDemand()), tep_(tep) {}
+
+Vela::Name TunnelRibEntry::nameOnDemand() const { return tep_.toStrep(); }
 
 void TunnelRibEntry::tunnelIdIs(TunnelId id, bool present) {
   if (present) {

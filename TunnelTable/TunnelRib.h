@@ -56,6 +56,11 @@ class TunnelRibEntry : public Vela::Entity {
   // of ids and one "type <kind> index <hex>" line per id.
   void dumpState(Quay::DumpContext& context, int indent) const;
 
+ protected:
+  // The TEP's text form; made only when the name is asked for, since a RIB
+  // creates its entries far more often than anyone reads their names.
+  Vela::Name nameOnDemand() const override;
+
  private:
   Nimbo::IpGenPrefix tep_;
   TunnelIdSet tunnelId_;

@@ -34,15 +34,28 @@ namespace Vela {
 
 class Entity : public RefCounted {
  public:
-  Name const& name() const { return name_; }
+  Name const& name() const {
+    if (!named_) {
+      name_ = nameOnDemand();
+      named_ = true;
+    }
+    return name_;
+  }
   // The type name under which the state database knows this entity.
   virtual std::string_view typeName() const { return "Vela::Entity"; }
 
  protected:
   explicit Entity(Name name = {}) : name_(std::move(name)) {}
+  // For entities named after a key they hold, whose text form costs more
+  // than making the entity: the name is made by nameOnDemand() when first
+  // asked for, and kept.
+  struct NamedOnDemand {};
+  explicit Entity(NamedOnDemand) : named_(false) {}
+  virtual Name nameOnDemand() const { return {}; }
 
  private:
-  Name name_;
+  mutable Name name_;
+  mutable bool named_ = true;
 };
 
 // Keeps an entity alive for the duration of a delivery that might drop the
