@@ -21,6 +21,7 @@
 #include <memory>
 
 #include "TunnelTable/TunnelRibSm.h"
+#include "framework/Vela/LargeBlock.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -37,10 +38,11 @@ std::int64_t residentBytes() {
   return static_cast<std::int64_t>(resident) * sysconf(_SC_PAGESIZE);
 }
 
-// Bytes in use from malloc: small chunks and the large blocks it maps directly.
+// Bytes in use from malloc (small chunks and the large blocks it maps
+// directly) and in the tables' own mappings.
 std::int64_t heapInUse() {
   struct mallinfo2 const info = mallinfo2();
-  return static_cast<std::int64_t>(info.uordblks + info.hblkhd);
+  return static_cast<std::int64_t>(info.uordblks + info.hblkhd + Vela::mappedBlockBytes());
 }
 
 // Gives freed memory back so that the next measurement starts from a low mark.

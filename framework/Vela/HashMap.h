@@ -44,8 +44,8 @@
 // small one only a few slots. Members are moved when the table shifts
 // or grows, so keys and values should have cheap, non-throwing moves; those
 // that may be moved as bytes (Relocatable.h) are shifted with memmove, and a
-// large table of them grows in place. A table of many megabytes asks for
-// large pages (LargeBlock.h).
+// large table of them grows in place. A table of many megabytes is mapped by
+// itself on large pages and grows by moving its pages (LargeBlock.h).
 // Arguments to tryEmplace/insertOrAssign may refer into the map.
 #pragma once
 
@@ -761,8 +761,9 @@ class HashMap {
     std::uint8_t* states;
   };
   static constexpr std::size_t kBlockAlign = std::max(alignof(Storage), alignof(std::uint32_t));
-  // Blocks come from malloc where its alignment suffices, so that growth can
-  // reallocate them (growInPlace).
+  // Blocks come from allocateBlock (malloc, or a mapping of their own when
+  // large) where malloc's alignment suffices, so that growth can reallocate
+  // them (growInPlace).
   static constexpr bool kMallocBlock = kBlockAlign <= alignof(std::max_align_t);
   // Where the parts of a block of n slots start, and its size in bytes.
   struct Layout {
@@ -786,12 +787,11 @@ class HashMap {
     Layout const l = layoutFor(n);
     void* block;
     if constexpr (kMallocBlock) {
-      block = std::malloc(l.bytes);
-      if (!block) throw std::bad_alloc();
+      block = allocateBlock(l.bytes);
     } else {
       block = ::operator new(l.bytes, std::align_val_t(kBlockAlign));
+      adviseLargeBlock(block, l.bytes);
     }
-    adviseLargeBlock(block, l.bytes);
     Table const t = tableAt(block, l);
     if (clear) {
       clearSlots(t, 0, n);
@@ -804,10 +804,12 @@ class HashMap {
     std::fill(t.probes + from, t.probes + to, kNoProbe);
     std::memset(t.states + from, kEmpty, to - from);
   }
-  static void deallocate(void* block) {
+  // Frees the block of a table of n slots.
+  static void deallocate(void* block, std::size_t n) {
     if constexpr (kMallocBlock) {
-      std::free(block);
+      freeBlock(block, layoutFor(n).bytes);
     } else {
+      static_cast<void>(n);
       ::operator delete(block, std::align_val_t(kBlockAlign));
     }
   }
@@ -853,9 +855,7 @@ class HashMap {
       // The old reversed hashes and states are copied out first, beyond the
       // old block, before members spread over where they were.
       if (will.revsAt < was.bytes) return false;
-      void* const block = std::realloc(members_, will.bytes);
-      if (!block) throw std::bad_alloc();
-      adviseLargeBlock(block, will.bytes);
+      void* const block = reallocateBlock(members_, was.bytes, will.bytes);
       Table const t = tableAt(block, will);
       auto* const bytes = static_cast<unsigned char*>(block);
       std::memcpy(t.revs, bytes + was.revsAt, (limit_ + 1) * sizeof(std::uint32_t));
@@ -939,7 +939,7 @@ class HashMap {
         std::size_t const wider = std::max(overflow * 2, (at + 1 - main) * 2);
         Table const t = allocate(main + wider + 1, false);
         moveSlots(fresh, t, next);
-        deallocate(fresh.block);
+        deallocate(fresh.block, main + overflow + 1);
         fresh = t;
         overflow = wider;
       }
@@ -954,7 +954,7 @@ class HashMap {
     }
     clearSlots(fresh, next, main + overflow + 1);
     fresh.states[main + overflow] = kEnd;
-    if (oldMembers) deallocate(oldMembers);
+    if (oldMembers) deallocate(oldMembers, oldLimit + 1);
     members_ = fresh.members;
     revs_ = fresh.revs;
     probes_ = fresh.probes;
@@ -995,7 +995,7 @@ class HashMap {
         if (t.states[j] == kFull)
           std::destroy_at(std::launder(reinterpret_cast<Member*>(t.members[j].bytes)));
       }
-      deallocate(t.block);
+      deallocate(t.block, o.limit_ + 1);
       throw;
     }
     members_ = t.members;
@@ -1038,7 +1038,7 @@ class HashMap {
         if (states_[i] == kFull) std::destroy_at(&member(i));
       }
     }
-    deallocate(members_);
+    deallocate(members_, limit_ + 1);
     members_ = nullptr;
     revs_ = nullptr;
     probes_ = nullptr;

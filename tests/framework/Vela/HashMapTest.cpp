@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -645,6 +646,50 @@ TEST(HashMapTest, LargeTablesKeepTheirMembers) {
   }
   EXPECT_EQ(m.size(), kCount / 32);
   for (std::uint64_t i = 0; i < kCount; i += 32) ASSERT_EQ(*m.lookup(Id{i * 7}), i) << i;
+}
+
+// Blocks keep their contents through every resize: within malloc, into a
+// mapping of their own and out of it again, and between mappings; and the
+// mapped bytes are counted while they are held.
+TEST(HashMapTest, BlocksKeepTheirContentsAcrossTheLargeThreshold) {
+  auto fill = [](void* p, std::size_t words, std::uint64_t seed) {
+    auto* w = static_cast<std::uint64_t*>(p);
+    for (std::size_t i = 0; i < words; ++i) w[i] = (i + seed) * 0x9E3779B97F4A7C15ull;
+  };
+  auto holds = [](void const* p, std::size_t words, std::uint64_t seed) {
+    auto const* w = static_cast<std::uint64_t const*>(p);
+    for (std::size_t i = 0; i < words; ++i) {
+      if (w[i] != (i + seed) * 0x9E3779B97F4A7C15ull) return false;
+    }
+    return true;
+  };
+  constexpr std::size_t kWord = sizeof(std::uint64_t);
+  std::size_t const large = Vela::kLargeBlockBytes, before = Vela::mappedBlockBytes();
+
+  std::size_t sizes[] = {4096, large / 2, large, large * 3 + 24, large + 4096, large - 8, 64};
+  std::size_t was = sizes[0];
+  void* block = Vela::allocateBlock(was);
+  fill(block, was / kWord, 1);
+  for (std::size_t bytes : sizes) {
+    block = Vela::reallocateBlock(block, was, bytes);
+    std::size_t const kept = std::min(was, bytes);
+    ASSERT_TRUE(holds(block, kept / kWord, 1)) << was << " -> " << bytes;
+    ASSERT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignof(std::max_align_t), 0u);
+    fill(static_cast<unsigned char*>(block) + kept, (bytes - kept) / kWord, 1 + kept / kWord);
+    if (bytes >= large) {
+      EXPECT_GE(Vela::mappedBlockBytes(), before + bytes) << bytes;
+    }
+    was = bytes;
+  }
+  EXPECT_EQ(Vela::mappedBlockBytes(), before);  // back in malloc
+  Vela::freeBlock(block, was);
+  Vela::freeBlock(nullptr, large);
+
+  block = Vela::allocateBlock(large);
+  fill(block, large / kWord, 7);
+  EXPECT_TRUE(holds(block, large / kWord, 7));
+  Vela::freeBlock(block, large);
+  EXPECT_EQ(Vela::mappedBlockBytes(), before);
 }
 
 TEST(HashMapTest, SmallMapsAreSmall) {
