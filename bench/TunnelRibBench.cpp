@@ -22,6 +22,7 @@
 
 #include "TunnelTable/TunnelRibSm.h"
 #include "framework/Vela/LargeBlock.h"
+#include "framework/Vela/SmallBlock.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -39,10 +40,13 @@ std::int64_t residentBytes() {
 }
 
 // Bytes in use from malloc (small chunks and the large blocks it maps
-// directly) and in the tables' own mappings.
+// directly), in the tables' own mappings and in pooled small blocks (whose
+// chunks are mapped blocks too).
 std::int64_t heapInUse() {
   struct mallinfo2 const info = mallinfo2();
-  return static_cast<std::int64_t>(info.uordblks + info.hblkhd + Vela::mappedBlockBytes());
+  return static_cast<std::int64_t>(info.uordblks + info.hblkhd + Vela::mappedBlockBytes() -
+                                   Vela::smallBlockChunkBytes()) +
+         Vela::smallBlockBytesInUse();
 }
 
 // Gives freed memory back so that the next measurement starts from a low mark.

@@ -10,10 +10,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <new>
 #include <type_traits>
 #include <utility>
 
 #include "framework/Vela/Relocatable.h"
+#include "framework/Vela/SmallBlock.h"
 
 namespace Vela {
 
@@ -27,6 +29,17 @@ class RefCounted {
   void ref() const noexcept { ++refCount_; }
   void unref() const noexcept {
     if (--refCount_ == 0) delete this;
+  }
+
+  // Entities come from the small-block pool (SmallBlock.h); the destructor
+  // is virtual, so a delete frees the size of the object's own type.
+  static void* operator new(std::size_t bytes) { return allocateSmallBlock(bytes); }
+  static void operator delete(void* block, std::size_t bytes) noexcept { freeSmallBlock(block, bytes); }
+  static void* operator new(std::size_t bytes, std::align_val_t align) {
+    return ::operator new(bytes, align);
+  }
+  static void operator delete(void* block, std::size_t, std::align_val_t align) noexcept {
+    ::operator delete(block, align);
   }
 
  protected:

@@ -42,6 +42,7 @@
 #include "framework/Vela/Hash.h"
 #include "framework/Vela/HashMap.h"
 #include "framework/Vela/Prefetch.h"
+#include "framework/Vela/SmallBlock.h"
 #include "framework/Vela/Value.h"
 
 namespace Vela {
@@ -225,6 +226,8 @@ class ValueSet {
  private:
   static constexpr std::uint32_t kLarge = 0xFFFFFFFFu;
   static constexpr bool kOrderedTies = internal::LessComparable<K>;
+  // Arrays of keys aligned as pooled blocks are come from the pool.
+  static constexpr bool kPooled = alignof(K) <= kSmallBlockGrain;
 
   bool isLarge() const noexcept { return cap_ == kLarge; }
   K* small() const noexcept { return static_cast<K*>(rep_); }
@@ -242,10 +245,14 @@ class ValueSet {
   // A block of cap keys and their reversed hashes.
   static std::size_t blockBytes(std::uint32_t cap) { return cap * (sizeof(K) + sizeof(std::uint32_t)); }
   static K* allocateSmall(std::uint32_t cap) {
+    if constexpr (kPooled) return static_cast<K*>(allocateSmallBlock(blockBytes(cap)));
     return static_cast<K*>(::operator new(blockBytes(cap), std::align_val_t(alignof(K))));
   }
   // Unsized delete: not every compiler we build with enables sized deallocation.
-  static void deallocateSmall(K* items) { ::operator delete(items, std::align_val_t(alignof(K))); }
+  static void deallocateSmall(K* items, std::uint32_t cap) {
+    if constexpr (kPooled) return freeSmallBlock(items, blockBytes(cap));
+    ::operator delete(items, std::align_val_t(alignof(K)));
+  }
   Map* map() const noexcept { return static_cast<Map*>(rep_); }
   static std::uint32_t revOf(K const& k) { return bitReverse32(static_cast<std::uint32_t>(H()(k))); }
 
@@ -290,7 +297,7 @@ class ValueSet {
     std::uninitialized_move(items, items + size_, fresh);
     if (items) std::memcpy(revsOf(fresh, cap), revs(), size_ * sizeof(std::uint32_t));
     std::destroy(items, items + size_);
-    if (items) deallocateSmall(items);
+    if (items) deallocateSmall(items, cap_);
     rep_ = fresh;
     cap_ = cap;
   }
@@ -334,7 +341,7 @@ class ValueSet {
     try {
       std::uninitialized_copy(o.small(), o.small() + o.size_, fresh);
     } catch (...) {
-      deallocateSmall(fresh);
+      deallocateSmall(fresh, o.size_);
       throw;
     }
     std::memcpy(revsOf(fresh, o.size_), o.revs(), o.size_ * sizeof(std::uint32_t));
@@ -348,7 +355,7 @@ class ValueSet {
       delete map();
     } else if (rep_) {
       std::destroy(small(), small() + size_);
-      deallocateSmall(small());
+      deallocateSmall(small(), cap_);
     }
     rep_ = nullptr;
     size_ = 0;

@@ -1,0 +1,215 @@
+#include "framework/Vela/SmallBlock.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <new>
+
+#include "framework/Vela/LargeBlock.h"
+#include "framework/Vela/Prefetch.h"
+
+namespace Vela {
+
+#if defined(VELA_SMALL_BLOCKS_FROM_NEW)
+
+void* allocateSmallBlock(std::size_t bytes) { return ::operator new(bytes); }
+void freeSmallBlock(void* block, std::size_t) noexcept { ::operator delete(block); }
+long long smallBlockBytesInUse() noexcept { return 0; }
+std::size_t smallBlockChunkBytes() noexcept { return 0; }
+
+#else
+
+namespace {
+
+constexpr std::size_t kClasses = kSmallBlockBytes / kSmallBlockGrain;
+// Chunks are large blocks, so they are mapped on large pages.
+constexpr std::size_t kChunkBytes = kLargeBlockBytes;
+
+static_assert(kSmallBlockBytes % kSmallBlockGrain == 0);
+static_assert(kSmallBlockGrain >= alignof(std::max_align_t));
+
+std::size_t classOf(std::size_t bytes) noexcept { return bytes == 0 ? 0 : (bytes - 1) / kSmallBlockGrain; }
+std::size_t classBytes(std::size_t c) noexcept { return (c + 1) * kSmallBlockGrain; }
+
+struct FreeBlock {
+  FreeBlock* next;
+};
+
+// Free blocks by size, the untouched rest of the newest chunk, and the bytes
+// handed out and not yet freed.
+struct Lists {
+  FreeBlock* head[kClasses];
+  unsigned char* next;
+  unsigned char* end;
+  long long inUse;
+
+  void push(void* block, std::size_t c) noexcept {
+    auto* b = static_cast<FreeBlock*>(block);
+    b->next = head[c];
+    head[c] = b;
+  }
+  // Freed blocks come back in no particular order, so the next one is
+  // asked for now: its link is read, and the block written, by the next pop.
+  void* pop(std::size_t c) noexcept {
+    FreeBlock* b = head[c];
+    head[c] = b->next;
+    prefetch(head[c]);
+    return b;
+  }
+  // Cuts the rest of the chunk into free blocks, largest first.
+  void freeRest() noexcept {
+    while (next != end) {
+      std::size_t const bytes = std::min<std::size_t>(static_cast<std::size_t>(end - next), kSmallBlockBytes);
+      push(next, classOf(bytes));
+      next += bytes;
+    }
+  }
+  // A block of class c from the rest of the chunk, mapping a new one when the
+  // rest is too small.
+  void* carve(std::size_t c) {
+    std::size_t const bytes = classBytes(c);
+    if (static_cast<std::size_t>(end - next) < bytes) {
+      auto* const chunk = static_cast<unsigned char*>(allocateBlock(kChunkBytes));
+      chunkBytes().fetch_add(kChunkBytes, std::memory_order_relaxed);
+      freeRest();
+      next = chunk;
+      end = chunk + kChunkBytes;
+    }
+    void* const block = next;
+    next += bytes;
+    return block;
+  }
+  static std::atomic<std::size_t>& chunkBytes() noexcept {
+    static std::atomic<std::size_t> bytes{0};
+    return bytes;
+  }
+};
+
+// This thread's lists. Trivially destructible, so they stay usable while the
+// thread's other objects are destroyed.
+enum class PoolState : unsigned char {
+  fresh,    // nothing taken or freed yet on this thread
+  active,   // handed to the stock when the thread ends
+  retired,  // handed over: blocks come from, and go to, the stock
+};
+struct Pool : Lists {
+  PoolState state;
+};
+thread_local constinit Pool pool{};
+
+// What ended threads left: other threads take from it before mapping chunks.
+struct Stock {
+  std::mutex mutex;
+  Lists lists{};
+  std::atomic<bool> has[kClasses] = {};
+
+  void give(void* block, std::size_t c) noexcept {
+    lists.push(block, c);
+    has[c].store(true, std::memory_order_relaxed);
+  }
+};
+// Never destroyed: objects destroyed after it may still free blocks.
+Stock& stock() {
+  static Stock& s = *new Stock;
+  return s;
+}
+
+// Hands this thread's lists to the stock when the thread ends.
+struct Retirer {
+  Retirer() = default;
+  Retirer(Retirer const&) = delete;
+  Retirer& operator=(Retirer const&) = delete;
+  ~Retirer() {
+    Stock& s = stock();
+    std::lock_guard lock(s.mutex);
+    pool.freeRest();
+    for (std::size_t c = 0; c < kClasses; ++c) {
+      while (pool.head[c]) s.give(pool.pop(c), c);
+    }
+    s.lists.inUse += pool.inUse;
+    pool.inUse = 0;
+    pool.state = PoolState::retired;
+  }
+};
+thread_local Retirer retirer;
+
+// Makes sure this thread's lists reach the stock when it ends; false when
+// they already have.
+bool activate() {
+  if (pool.state == PoolState::fresh) {
+    pool.state = PoolState::active;
+    static_cast<void>(&retirer);
+  }
+  return pool.state == PoolState::active;
+}
+
+[[gnu::noinline]] void* allocateSlow(std::size_t c) {
+  Stock& s = stock();
+  long long const bytes = static_cast<long long>(classBytes(c));
+  if (!activate()) {
+    std::lock_guard lock(s.mutex);
+    void* const block = s.lists.head[c] ? s.lists.pop(c) : s.lists.carve(c);
+    s.lists.inUse += bytes;
+    return block;
+  }
+  void* block = nullptr;
+  if (s.has[c].load(std::memory_order_relaxed)) {
+    std::lock_guard lock(s.mutex);
+    pool.head[c] = s.lists.head[c];
+    s.lists.head[c] = nullptr;
+    s.has[c].store(false, std::memory_order_relaxed);
+  }
+  block = pool.head[c] ? pool.pop(c) : pool.carve(c);
+  pool.inUse += bytes;
+  return block;
+}
+
+[[gnu::noinline]] void freeSlow(void* block, std::size_t c) noexcept {
+  long long const bytes = static_cast<long long>(classBytes(c));
+  if (activate()) {
+    pool.inUse -= bytes;
+    pool.push(block, c);
+    return;
+  }
+  Stock& s = stock();
+  std::lock_guard lock(s.mutex);
+  s.lists.inUse -= bytes;
+  s.give(block, c);
+}
+
+}  // namespace
+
+void* allocateSmallBlock(std::size_t bytes) {
+  if (bytes > kSmallBlockBytes) return ::operator new(bytes);
+  std::size_t const c = classOf(bytes);
+  if (pool.head[c]) {
+    pool.inUse += static_cast<long long>(classBytes(c));
+    return pool.pop(c);
+  }
+  return allocateSlow(c);
+}
+
+void freeSmallBlock(void* block, std::size_t bytes) noexcept {
+  if (!block) return;
+  if (bytes > kSmallBlockBytes) {
+    ::operator delete(block);
+    return;
+  }
+  std::size_t const c = classOf(bytes);
+  if (pool.state != PoolState::active) return freeSlow(block, c);
+  pool.inUse -= static_cast<long long>(classBytes(c));
+  pool.push(block, c);
+}
+
+long long smallBlockBytesInUse() noexcept {
+  Stock& s = stock();
+  std::lock_guard lock(s.mutex);
+  return pool.inUse + s.lists.inUse;
+}
+
+std::size_t smallBlockChunkBytes() noexcept { return Lists::chunkBytes().load(std::memory_order_relaxed); }
+
+#endif
+
+}  // namespace Vela
