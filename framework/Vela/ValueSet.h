@@ -20,8 +20,10 @@
 // small array, sorted in iteration order, and only a larger set moves into a
 // HashMap<K, bool>; it moves back when it shrinks to half that. The set itself
 // is 16 bytes (one pointer and two counters), an empty set allocates nothing,
-// and a set of n <= 8 members one block of n to 8 keys followed by their
-// reversed hashes, so that placing a new member hashes only the new one.
+// a set of one member no larger than a pointer keeps it in the pointer's
+// place, and a set of n <= 8 members otherwise one block of n to 8 keys
+// followed by their reversed hashes, so that placing a new member hashes only
+// the new one.
 // Iterators are for reading only: any change to the set invalidates them.
 //
 // VELA_VALUE_SET (at the end) declares a set-valued field of a value type with
@@ -37,6 +39,7 @@
 #include <iterator>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #include "framework/Vela/Hash.h"
@@ -107,7 +110,7 @@ class ValueSet {
   }
   ValueSet(ValueSet const& o) { copyFrom(o); }
   ValueSet(ValueSet&& o) noexcept
-      : rep_(std::exchange(o.rep_, nullptr)),
+      : rep_(std::exchange(o.rep_, Rep{})),
         size_(std::exchange(o.size_, 0)),
         cap_(std::exchange(o.cap_, 0)) {}
   ValueSet& operator=(ValueSet const& o) {
@@ -173,8 +176,10 @@ class ValueSet {
     std::size_t const i = static_cast<std::size_t>(found - items);
     std::move(items + i + 1, items + size_, items + i);
     std::destroy_at(items + size_ - 1);
-    unsigned char* const r = revs() + i * sizeof(std::uint32_t);
-    std::memmove(r, r + sizeof(std::uint32_t), (size_ - i - 1) * sizeof(std::uint32_t));
+    if (!isInline()) {
+      unsigned char* const r = revs() + i * sizeof(std::uint32_t);
+      std::memmove(r, r + sizeof(std::uint32_t), (size_ - i - 1) * sizeof(std::uint32_t));
+    }
     --size_;
     if (size_ == 0) release();
     return true;
@@ -185,7 +190,7 @@ class ValueSet {
   // Starts loading the members' block (see Prefetch.h); a large set's table
   // is left alone.
   void prefetch() const noexcept {
-    if (rep_ && !isLarge()) prefetchBytes(rep_, blockBytes(cap_));
+    if (!isLarge() && !isInline() && rep_.block) prefetchBytes(rep_.block, blockBytes(cap_));
   }
 
   const_iterator begin() const {
@@ -228,9 +233,17 @@ class ValueSet {
   static constexpr bool kOrderedTies = internal::LessComparable<K>;
   // Arrays of keys aligned as pooled blocks are come from the pool.
   static constexpr bool kPooled = alignof(K) <= kSmallBlockGrain;
+  static constexpr bool kInlineOne =
+      sizeof(K) <= sizeof(void*) && alignof(K) <= alignof(void*) && std::is_trivially_copyable_v<K>;
 
   bool isLarge() const noexcept { return cap_ == kLarge; }
-  K* small() const noexcept { return static_cast<K*>(rep_); }
+  // A set of capacity one holds its member in place of the block pointer.
+  static bool isInline(std::uint32_t cap) noexcept { return kInlineOne && cap == 1; }
+  bool isInline() const noexcept { return isInline(cap_); }
+  K* small() const noexcept {
+    if (isInline()) return std::launder(reinterpret_cast<K*>(const_cast<unsigned char*>(rep_.one)));
+    return static_cast<K*>(rep_.block);
+  }
   // The reversed hashes of the array's members follow its cap keys (bytes,
   // as nothing guarantees their alignment after the keys).
   static unsigned char* revsOf(K* items, std::uint32_t cap) noexcept {
@@ -238,6 +251,7 @@ class ValueSet {
   }
   unsigned char* revs() const noexcept { return revsOf(small(), cap_); }
   std::uint32_t revAt(std::uint32_t i) const noexcept {
+    if (isInline()) return revOf(small()[0]);
     std::uint32_t r;
     std::memcpy(&r, revs() + i * sizeof r, sizeof r);
     return r;
@@ -253,7 +267,7 @@ class ValueSet {
     if constexpr (kPooled) return freeSmallBlock(items, blockBytes(cap));
     ::operator delete(items, std::align_val_t(alignof(K)));
   }
-  Map* map() const noexcept { return static_cast<Map*>(rep_); }
+  Map* map() const noexcept { return static_cast<Map*>(rep_.block); }
   static std::uint32_t revOf(K const& k) { return bitReverse32(static_cast<std::uint32_t>(H()(k))); }
 
   K const* findSmall(K const& k) const {
@@ -285,20 +299,31 @@ class ValueSet {
       std::move_backward(items + pos, items + size_ - 1, items + size_);
       items[pos] = k;
     }
-    unsigned char* const r = revs() + pos * sizeof rev;
-    std::memmove(r + sizeof rev, r, (size_ - pos) * sizeof rev);
-    std::memcpy(r, &rev, sizeof rev);
+    if (!isInline()) {
+      unsigned char* const r = revs() + pos * sizeof rev;
+      std::memmove(r + sizeof rev, r, (size_ - pos) * sizeof rev);
+      std::memcpy(r, &rev, sizeof rev);
+    }
     ++size_;
   }
 
   void reallocateSmall(std::uint32_t cap) {
+    if (isInline(cap)) {
+      // From nothing: no member to move.
+      rep_ = Rep{};
+      cap_ = cap;
+      return;
+    }
     K* fresh = allocateSmall(cap);
     K* items = small();
     std::uninitialized_move(items, items + size_, fresh);
-    if (items) std::memcpy(revsOf(fresh, cap), revs(), size_ * sizeof(std::uint32_t));
+    for (std::uint32_t i = 0; i < size_; ++i) {
+      std::uint32_t const r = revAt(i);
+      std::memcpy(revsOf(fresh, cap) + i * sizeof r, &r, sizeof r);
+    }
     std::destroy(items, items + size_);
-    if (items) deallocateSmall(items, cap_);
-    rep_ = fresh;
+    if (!isInline() && items) deallocateSmall(items, cap_);
+    rep_.block = fresh;
     cap_ = cap;
   }
 
@@ -307,7 +332,7 @@ class ValueSet {
     for (K const* p = small(); p != small() + size_; ++p) fresh->tryEmplace(*p, true);
     std::uint32_t const n = size_;
     release();
-    rep_ = fresh.release();
+    rep_.block = fresh.release();
     size_ = n;
     cap_ = kLarge;
   }
@@ -315,7 +340,7 @@ class ValueSet {
   void toSmall() {
     std::unique_ptr<Map> old(map());
     std::uint32_t const n = size_;
-    rep_ = nullptr;
+    rep_ = Rep{};
     size_ = 0;
     cap_ = 0;
     if (n == 0) return;
@@ -323,8 +348,10 @@ class ValueSet {
     // The map's order is the array's order.
     for (auto it = std::as_const(*old).begin(); it != std::as_const(*old).end(); ++it) {
       std::construct_at(small() + size_, it.key());
-      std::uint32_t const rev = revOf(it.key());
-      std::memcpy(revs() + size_ * sizeof rev, &rev, sizeof rev);
+      if (!isInline()) {
+        std::uint32_t const rev = revOf(it.key());
+        std::memcpy(revs() + size_ * sizeof rev, &rev, sizeof rev);
+      }
       ++size_;
     }
   }
@@ -332,9 +359,14 @@ class ValueSet {
   void copyFrom(ValueSet const& o) {
     if (o.size_ == 0) return;
     if (o.isLarge()) {
-      rep_ = new Map(*o.map());
+      rep_.block = new Map(*o.map());
       size_ = o.size_;
       cap_ = kLarge;
+      return;
+    }
+    if (isInline(o.size_)) {
+      std::construct_at(reinterpret_cast<K*>(rep_.one), o.small()[0]);
+      size_ = cap_ = 1;
       return;
     }
     K* fresh = allocateSmall(o.size_);
@@ -345,7 +377,7 @@ class ValueSet {
       throw;
     }
     std::memcpy(revsOf(fresh, o.size_), o.revs(), o.size_ * sizeof(std::uint32_t));
-    rep_ = fresh;
+    rep_.block = fresh;
     size_ = o.size_;
     cap_ = o.size_;
   }
@@ -353,16 +385,24 @@ class ValueSet {
   void release() noexcept {
     if (isLarge()) {
       delete map();
-    } else if (rep_) {
+    } else if (isInline()) {
+      std::destroy(small(), small() + size_);
+    } else if (rep_.block) {
       std::destroy(small(), small() + size_);
       deallocateSmall(small(), cap_);
     }
-    rep_ = nullptr;
+    rep_ = Rep{};
     size_ = 0;
     cap_ = 0;
   }
 
-  void* rep_ = nullptr;  // K[cap_] in iteration order and their reversed hashes, or a Map when cap_ == kLarge
+  // K[cap_] in iteration order and their reversed hashes, or a Map when
+  // cap_ == kLarge; or the one member itself when isInline().
+  union Rep {
+    void* block = nullptr;
+    alignas(void*) unsigned char one[sizeof(void*)];
+  };
+  Rep rep_{};
   std::uint32_t size_ = 0;  // members
   std::uint32_t cap_ = 0;   // array slots, or kLarge
 };
