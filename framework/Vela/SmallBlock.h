@@ -1,4 +1,4 @@
-// Memory for small objects: entities and the arrays of small sets.
+// Memory for small objects: entities.
 //
 // A RIB or FIB at scale holds millions of entities of a hundred or two bytes.
 // From malloc each sits on small pages that the heap touches one by one as it

@@ -45,7 +45,6 @@
 #include "framework/Vela/Hash.h"
 #include "framework/Vela/HashMap.h"
 #include "framework/Vela/Prefetch.h"
-#include "framework/Vela/SmallBlock.h"
 #include "framework/Vela/Value.h"
 
 namespace Vela {
@@ -231,8 +230,6 @@ class ValueSet {
  private:
   static constexpr std::uint32_t kLarge = 0xFFFFFFFFu;
   static constexpr bool kOrderedTies = internal::LessComparable<K>;
-  // Arrays of keys aligned as pooled blocks are come from the pool.
-  static constexpr bool kPooled = alignof(K) <= kSmallBlockGrain;
   static constexpr bool kInlineOne =
       sizeof(K) <= sizeof(void*) && alignof(K) <= alignof(void*) && std::is_trivially_copyable_v<K>;
 
@@ -258,15 +255,14 @@ class ValueSet {
   }
   // A block of cap keys and their reversed hashes.
   static std::size_t blockBytes(std::uint32_t cap) { return cap * (sizeof(K) + sizeof(std::uint32_t)); }
+  // From operator new, not the small-block pool: sets are rebuilt all the
+  // time (a FIB review makes a new via set per tunnel), and blocks taken from
+  // malloc's tidier heap made those reviews faster than scattered pooled ones.
   static K* allocateSmall(std::uint32_t cap) {
-    if constexpr (kPooled) return static_cast<K*>(allocateSmallBlock(blockBytes(cap)));
     return static_cast<K*>(::operator new(blockBytes(cap), std::align_val_t(alignof(K))));
   }
   // Unsized delete: not every compiler we build with enables sized deallocation.
-  static void deallocateSmall(K* items, std::uint32_t cap) {
-    if constexpr (kPooled) return freeSmallBlock(items, blockBytes(cap));
-    ::operator delete(items, std::align_val_t(alignof(K)));
-  }
+  static void deallocateSmall(K* items) { ::operator delete(items, std::align_val_t(alignof(K))); }
   Map* map() const noexcept { return static_cast<Map*>(rep_.block); }
   static std::uint32_t revOf(K const& k) { return bitReverse32(static_cast<std::uint32_t>(H()(k))); }
 
@@ -322,7 +318,7 @@ class ValueSet {
       std::memcpy(revsOf(fresh, cap) + i * sizeof r, &r, sizeof r);
     }
     std::destroy(items, items + size_);
-    if (!isInline() && items) deallocateSmall(items, cap_);
+    if (!isInline() && items) deallocateSmall(items);
     rep_.block = fresh;
     cap_ = cap;
   }
@@ -373,7 +369,7 @@ class ValueSet {
     try {
       std::uninitialized_copy(o.small(), o.small() + o.size_, fresh);
     } catch (...) {
-      deallocateSmall(fresh, o.size_);
+      deallocateSmall(fresh);
       throw;
     }
     std::memcpy(revsOf(fresh, o.size_), o.revs(), o.size_ * sizeof(std::uint32_t));
@@ -389,7 +385,7 @@ class ValueSet {
       std::destroy(small(), small() + size_);
     } else if (rep_.block) {
       std::destroy(small(), small() + size_);
-      deallocateSmall(small(), cap_);
+      deallocateSmall(small());
     }
     rep_ = Rep{};
     size_ = 0;
