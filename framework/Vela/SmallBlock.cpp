@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include "framework/Vela/LargeBlock.h"
 
@@ -34,6 +35,9 @@ std::size_t classBytes(std::size_t c) noexcept { return (c + 1) * kSmallBlockGra
 struct FreeBlock {
   FreeBlock* next;
 };
+
+// Bytes of all chunks mapped so far, by any thread.
+constinit std::atomic<std::size_t> chunkBytes{0};
 
 // Free blocks by size, the untouched rest of the newest chunk, and the bytes
 // handed out and not yet freed.
@@ -70,7 +74,7 @@ struct Lists {
     std::size_t const bytes = classBytes(c);
     if (static_cast<std::size_t>(end - next) < bytes) {
       auto* const chunk = static_cast<unsigned char*>(allocateBlock(kChunkBytes));
-      chunkBytes().fetch_add(kChunkBytes, std::memory_order_relaxed);
+      chunkBytes.fetch_add(kChunkBytes, std::memory_order_relaxed);
       freeRest();
       next = chunk;
       end = chunk + kChunkBytes;
@@ -78,10 +82,6 @@ struct Lists {
     void* const block = next;
     next += bytes;
     return block;
-  }
-  static std::atomic<std::size_t>& chunkBytes() noexcept {
-    static std::atomic<std::size_t> bytes{0};
-    return bytes;
   }
 };
 
@@ -107,6 +107,19 @@ struct Stock {
     lists.push(block, c);
     has[c].store(true, std::memory_order_relaxed);
   }
+  // Takes over a whole list of class c. Walks only the given list, to link
+  // the stock's own after it, and not even that when the stock has none:
+  // a thread that ends may hold millions of free blocks.
+  void giveAll(FreeBlock* head, std::size_t c) noexcept {
+    if (!head) return;
+    if (lists.head[c]) {
+      FreeBlock* tail = head;
+      while (tail->next) tail = tail->next;
+      tail->next = lists.head[c];
+    }
+    lists.head[c] = head;
+    has[c].store(true, std::memory_order_relaxed);
+  }
 };
 // Never destroyed: objects destroyed after it may still free blocks.
 Stock& stock() {
@@ -123,9 +136,7 @@ struct Retirer {
     Stock& s = stock();
     std::lock_guard lock(s.mutex);
     pool.freeRest();
-    for (std::size_t c = 0; c < kClasses; ++c) {
-      while (pool.head[c]) s.give(pool.pop(c), c);
-    }
+    for (std::size_t c = 0; c < kClasses; ++c) s.giveAll(std::exchange(pool.head[c], nullptr), c);
     s.lists.inUse += pool.inUse;
     pool.inUse = 0;
     pool.state = PoolState::retired;
@@ -152,14 +163,13 @@ bool activate() {
     s.lists.inUse += bytes;
     return block;
   }
-  void* block = nullptr;
   if (s.has[c].load(std::memory_order_relaxed)) {
     std::lock_guard lock(s.mutex);
     pool.head[c] = s.lists.head[c];
     s.lists.head[c] = nullptr;
     s.has[c].store(false, std::memory_order_relaxed);
   }
-  block = pool.head[c] ? pool.pop(c) : pool.carve(c);
+  void* const block = pool.head[c] ? pool.pop(c) : pool.carve(c);
   pool.inUse += bytes;
   return block;
 }
@@ -207,7 +217,7 @@ long long smallBlockBytesInUse() noexcept {
   return pool.inUse + s.lists.inUse;
 }
 
-std::size_t smallBlockChunkBytes() noexcept { return Lists::chunkBytes().load(std::memory_order_relaxed); }
+std::size_t smallBlockChunkBytes() noexcept { return chunkBytes.load(std::memory_order_relaxed); }
 
 #endif
 

@@ -129,4 +129,30 @@ TEST(SmallBlockTest, BlocksOutliveTheirThreadAndItsFreeBlocksAreReused) {
   EXPECT_EQ(Vela::smallBlockBytesInUse(), before);
 }
 
+// Free blocks of threads that end one after another all reach the next
+// thread, the later thread's first (the second hand-over links the stock's
+// list behind its own).
+TEST(SmallBlockTest, ThreadsEndingInTurnHandOverAllTheirFreeBlocks) {
+  if (!Vela::kSmallBlocksPooled) GTEST_SKIP() << "blocks come from operator new in this build";
+  constexpr std::size_t kBytes = 176;
+  std::vector<void*> blocks;
+  for (int i = 0; i < 6; ++i) blocks.push_back(Vela::allocateSmallBlock(kBytes));
+  // Freed by threads that did not take them: each ends holding its share.
+  std::thread([&] {
+    for (int i = 0; i < 3; ++i) Vela::freeSmallBlock(blocks[i], kBytes);
+  }).join();
+  std::thread([&] {
+    for (int i = 3; i < 6; ++i) Vela::freeSmallBlock(blocks[i], kBytes);
+  }).join();
+  std::vector<void*> taken;
+  std::thread([&] {
+    for (int i = 0; i < 6; ++i) taken.push_back(Vela::allocateSmallBlock(kBytes));
+  }).join();
+  EXPECT_EQ(std::set<void*>(taken.begin(), taken.begin() + 3),
+            std::set<void*>(blocks.begin() + 3, blocks.end()));
+  EXPECT_EQ(std::set<void*>(taken.begin() + 3, taken.end()),
+            std::set<void*>(blocks.begin(), blocks.begin() + 3));
+  for (void* p : taken) Vela::freeSmallBlock(p, kBytes);
+}
+
 }  // namespace
