@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <optional>
 #include <random>
@@ -16,6 +15,7 @@
 #include "Decap/TunnelSimulator.h"
 #include "framework/Quay/TaskScheduler.h"
 #include "framework/Skein/Trace.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace Tunnel::Decap {
 namespace {
@@ -24,31 +24,11 @@ using Nimbo::IpGenAddr;
 
 std::string sourcePath(Vela::Name const& name) { return std::string(dynamicInputDir) + "/" + name; }
 
-// Runs `fn`, which must fail an assertion; returns the assertion's text.
-std::string assertionText(std::function<void()> const& fn) {
-  Vela::ScopedAssertionCatcher catcher;
-  try {
-    fn();
-  } catch (Vela::AssertionFailure const& failure) {
-    return failure.what();
-  }
-  return "<no assertion>";
-}
-
 bool ringHas(std::string const& line) {
   for (auto const& l : Skein::defaultHandle().recent()) {
     if (l == line) return true;
   }
   return false;
-}
-
-std::string rangeErrorText(std::function<void()> const& fn) {
-  try {
-    fn();
-  } catch (Vela::RangeException const& e) {
-    return e.what();
-  }
-  return "<no range error>";
 }
 
 class DecapGroupConfigMergeSmTest : public ::testing::Test {
@@ -292,9 +272,9 @@ TEST_F(DecapGroupConfigMergeSmTest, StartUpChecksAndNullSources) {
 
   start();
   EXPECT_EQ(
-      rangeErrorText([&] { sm->configIs(nullptr); }),
+      thrownText<Vela::RangeException>([&] { sm->configIs(nullptr); }),
       "null _config parameter to mutator for Tunnel::Decap::DecapGroupConfigMergeSm::config not allowed\"");
-  EXPECT_EQ(rangeErrorText([&] { sm->decapGroupConfigIs(nullptr); }),
+  EXPECT_EQ(thrownText<Vela::RangeException>([&] { sm->decapGroupConfigIs(nullptr); }),
             "null _decapGroupConfig parameter to mutator for "
             "Tunnel::Decap::DecapGroupConfigMergeSm::decapGroupConfig not allowed\"");
   EXPECT_EQ(sm->configs().size(), 1u);

@@ -7,6 +7,7 @@
 
 #include "Decap/TunnelSimulator.h"
 #include "framework/Skein/Trace.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace Tunnel::Decap {
 namespace {
@@ -206,14 +207,9 @@ TEST_F(TunnelSimulatorTest, AReplacedGroupIsFollowedUnderItsName) {
 
 TEST_F(TunnelSimulatorTest, RefusalsAndAssertions) {
   start();
-  try {
-    sim->decapGroupIs(nullptr);
-    FAIL() << "a null group was accepted";
-  } catch (Vela::RangeException const& e) {
-    EXPECT_STREQ(
-        e.what(),
-        "null _decapGroup parameter to mutator for Tunnel::Decap::TunnelSimulator::decapGroup not allowed\"");
-  }
+  EXPECT_EQ(
+      thrownText<Vela::RangeException>([&] { sim->decapGroupIs(nullptr); }),
+      "null _decapGroup parameter to mutator for Tunnel::Decap::TunnelSimulator::decapGroup not allowed\"");
 
   // A count that would go below zero stops the process.
   auto g = group("g");
@@ -221,19 +217,9 @@ TEST_F(TunnelSimulatorTest, RefusalsAndAssertions) {
   auto reactor = sim->decapGroup("g");
   reactor->handleDel();
   EXPECT_TRUE(sim->decapIps().empty());
-  Vela::ScopedAssertionCatcher catcher;
-  try {
-    reactor->handleDel();
-    FAIL() << "no assertion";
-  } catch (Vela::AssertionFailure const& failure) {
-    EXPECT_STREQ(failure.what(), "count > 1");
-  }
-  try {
-    g->decapIpIs(addrB, true);  // addrA, the remembered address, is gone
-    FAIL() << "no assertion";
-  } catch (Vela::AssertionFailure const& failure) {
-    EXPECT_STREQ(failure.what(), "count > 1");
-  }
+  EXPECT_EQ(assertionText([&] { reactor->handleDel(); }), "count > 1");
+  // addrA, the remembered address, is gone.
+  EXPECT_EQ(assertionText([&] { g->decapIpIs(addrB, true); }), "count > 1");
   EXPECT_FALSE(sim->decapIps().contains(addrA));
 }
 

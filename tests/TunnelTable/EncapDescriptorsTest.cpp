@@ -7,19 +7,10 @@
 #include "TunnelTable/EncapDescriptors.h"
 #include "framework/Vela/Exception.h"
 #include "framework/Vela/Value.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace Tunnel {
 namespace {
-
-template <class E, class Fn>
-std::string thrownText(Fn fn) {
-  try {
-    fn();
-  } catch (E const& e) {
-    return e.what();
-  }
-  return "<nothing thrown>";
-}
 
 L3TunnelInfo outerHeader() {
   return L3TunnelInfo(Nimbo::IpGenAddr("10.0.0.1"), Nimbo::IpGenAddr("2001:db8::1"), 46, 64);
@@ -85,11 +76,11 @@ TEST(GreTunnelInfoTest, BaseFieldsComeFirstAndEveryFieldCounts) {
 }
 
 TEST(GreTunnelInfoTest, FlagCombinationsSurviveTheirText) {
+  // The bits of the GRE header itself.
   EXPECT_EQ(static_cast<int>(GreHdrFlagsType::checksumFlag), 0x8000);
   EXPECT_EQ(static_cast<int>(GreHdrFlagsType::keyFlag), 0x2000);
   EXPECT_EQ(static_cast<int>(GreHdrFlagsType::sequenceFlag), 0x1000);
   EXPECT_EQ(static_cast<int>(GreHdrFlagsType::versionMask), 7);
-  EXPECT_EQ(Vela::enumInfo<GreHdrFlagsType>().typeName(), "Tunnel::GreHdrFlagsType");
 
   GreTunnelInfo gre;
   gre.oFlagsIs(static_cast<GreHdrFlagsType>(0x8000 | 0x2000));
@@ -139,7 +130,6 @@ TEST(IpsecTunnelInfoTest, QueuesPrintAsNone) {
       Vela::valueToStrep(info),
       "Value('Tunnel::IpsecTunnelInfo', ** {'src': '10.0.0.1', 'dst': '2001:db8::1', 'dscp': 46, 'ttl': 64, "
       "'cryptoSuite': aes128_cbc_sha1_96, 'saDecap': None, 'saEncap': None})");
-  EXPECT_EQ(static_cast<int>(IpsecCryptoSuite::no_suite), 0);
 
   // The text carries no associations: read back, the queues are empty.
   IpsecTunnelInfo const back = Vela::parseValue<IpsecTunnelInfo>(Vela::valueToStrep(info));

@@ -33,7 +33,6 @@
 #include <numeric>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -42,6 +41,7 @@
 #include "framework/Skein/Trace.h"
 #include "framework/Vela/Hash.h"
 #include "tests/TunnelTable/FibMachineWorld.h"
+#include "tests/TunnelTable/TestHelpers.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -54,17 +54,6 @@ using Nimbo::MplsLabelOperation;
 constexpr TunnelType kTypes[] = {TunnelType::bgpLuPushTunnel, TunnelType::bgpLuTunnel,
                                  TunnelType::ldpTunnel,       TunnelType::staticTunnel,
                                  TunnelType::srTunnel,        TunnelType::srTeSegmentListTunnel};
-
-TunnelId makeId(TunnelType type, std::uint64_t index) {
-  return TunnelId(TunnelId::convertToTunnelValue(type, index));
-}
-
-template <class T>
-std::string str(T const& v) {
-  std::ostringstream os;
-  os << v;
-  return os.str();
-}
 
 // What one tunnel's table entry says, before it is turned into an entry.
 struct ViaShape {

@@ -9,7 +9,6 @@
 #include <initializer_list>
 #include <map>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,6 +19,8 @@
 #include "framework/Vela/Exception.h"
 #include "framework/Vela/Hash.h"
 #include "tests/TunnelTable/FibMachineWorld.h"
+#include "tests/TunnelTable/TestHelpers.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -28,9 +29,6 @@ using Nimbo::IntfId;
 using Nimbo::IpGenAddr;
 using Nimbo::MplsLabelOperation;
 
-TunnelId makeId(TunnelType type, std::uint64_t index) {
-  return TunnelId(TunnelId::convertToTunnelValue(type, index));
-}
 TunnelId bgpLuId(std::uint64_t n) { return makeId(TunnelType::bgpLuTunnel, n); }
 TunnelId bgpLuPushId(std::uint64_t n) { return makeId(TunnelType::bgpLuPushTunnel, n); }
 TunnelId ldpId(std::uint64_t n) { return makeId(TunnelType::ldpTunnel, n); }
@@ -53,13 +51,6 @@ MplsVia overTunnel(TunnelId t, std::initializer_list<std::uint32_t> labels) {
 
 // Position of an id in the iteration order of every collection keyed by tunnel.
 std::uint32_t orderOf(TunnelId id) { return Vela::bitReverse32(id.hash()); }
-
-template <class T>
-std::string str(T const& v) {
-  std::ostringstream os;
-  os << v;
-  return os.str();
-}
 
 std::set<std::uint64_t> members(MplsTunnelFibSm::TunnelIdSet const& set) {
   std::set<std::uint64_t> out;
@@ -628,13 +619,7 @@ TEST_F(MplsTunnelFibSmTest, DrainedBacklogWithUnprocessedEntriesLeftIsAFatalAsse
   w.drain();
   w.sm->tunnelFibEntryMarkedUnprocessedIs(ldpId(7), true);
   w.sm->tunnelForReviewIs(ldpId(1), true);
-  Vela::ScopedAssertionCatcher catcher;
-  try {
-    w.drain();
-    FAIL() << "no assertion";
-  } catch (Vela::AssertionFailure const& failure) {
-    EXPECT_STREQ(failure.what(), "!tunnelFibEntryMarkedUnprocesseds()");
-  }
+  EXPECT_EQ(assertionText([&] { w.drain(); }), "!tunnelFibEntryMarkedUnprocesseds()");
 }
 
 // --- yielding ------------------------------------------------------------------------------------
@@ -759,17 +744,11 @@ TEST_F(MplsTunnelFibSmTest, YieldingEveryFewReviewsGivesTheSameFibAsOneRun) {
 TEST_F(MplsTunnelFibSmTest, UnsupportedTunnelTypesAreAFatalAssertion) {
   w.start();
   w.drain();
-  Vela::ScopedAssertionCatcher catcher;
   for (TunnelType type : {TunnelType::invalidTunnel, TunnelType::nexthopTunnel, TunnelType::evpnVxlanTunnel,
                           TunnelType::staticInterfaceTunnel, TunnelType::maxTunnelType}) {
     SCOPED_TRACE(str(type));
     TunnelId const id(std::uint64_t(type) << 44 | 1);
-    try {
-      w.sm->updateTunnelFibEntry(id);
-      ADD_FAILURE() << "no assertion";
-    } catch (Vela::AssertionFailure const& failure) {
-      EXPECT_STREQ(failure.what(), "0 && \"Unsupported tunnel type\"");
-    }
+    EXPECT_EQ(assertionText([&] { w.sm->updateTunnelFibEntry(id); }), "0 && \"Unsupported tunnel type\"");
   }
 }
 
@@ -811,12 +790,8 @@ TEST_F(MplsTunnelFibSmTest, DynamicInterfaceWithAnOutOfRangeTunnelRaisesTheRange
   // Type 58 with part 1 = 2^27: the tunnel value it encodes has 50 bits.
   IntfId const bad((std::uint64_t(58) << 56) | (std::uint64_t(1) << 27 << 28) | 1);
   w.addLdp(ldpId(1), {MplsVia(nh("0.0.0.0"), bad, push({16}))});
-  try {
-    w.drain();
-    FAIL() << "no range error";
-  } catch (Vela::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "TunnelId::value < TunnelId::minValue or > TunnelId::maxValue not allowed");
-  }
+  EXPECT_EQ(thrownText<Vela::RangeException>([&] { w.drain(); }),
+            "TunnelId::value < TunnelId::minValue or > TunnelId::maxValue not allowed");
 }
 
 TEST_F(MplsTunnelFibSmTest, ResolutionWritesOnlyTheEntryUnderConstruction) {

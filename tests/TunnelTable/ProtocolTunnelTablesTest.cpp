@@ -11,6 +11,8 @@
 #include "TunnelTable/TunnelIntfId.h"
 #include "framework/Vela/Exception.h"
 #include "framework/Vela/Ptr.h"
+#include "tests/TunnelTable/TestHelpers.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace {
 
@@ -18,10 +20,6 @@ using Nimbo::IntfId;
 using Nimbo::IpGenAddr;
 using Nimbo::MplsLabelOperation;
 using namespace Tunnel::TunnelTable;
-
-TunnelId tunnel(TunnelType type, std::uint64_t index) {
-  return TunnelId(TunnelId::convertToTunnelValue(type, index));
-}
 
 MplsVia mplsVia(char const* nexthop, std::uint64_t intf, std::uint32_t label) {
   return MplsVia(IpGenAddr(std::string_view(nexthop)), IntfId(intf), MplsLabelOperation::pushOf({label}));
@@ -87,7 +85,7 @@ TEST(ProtocolTunnelTablesTest, EntriesNotifyOnRealChangesOnly) {
   std::vector<TunnelId> told;
   auto const sub = table->entrys().changed().connect([&](TunnelId const& id) { told.push_back(id); });
 
-  TunnelId const id = tunnel(TunnelType::ldpTunnel, 1);
+  TunnelId const id = makeId(TunnelType::ldpTunnel, 1);
   EXPECT_TRUE(!table->entry(id));  // absent: the default entry
 
   LdpSrTunnelTableEntry entry(id);
@@ -110,7 +108,7 @@ TEST(ProtocolTunnelTablesTest, EntriesNotifyOnRealChangesOnly) {
   EXPECT_EQ(told.size(), 2u);
   EXPECT_EQ(table->entry(id).igpMetric(), 5u);
 
-  TunnelId const other = tunnel(TunnelType::ldpTunnel, 2);
+  TunnelId const other = makeId(TunnelType::ldpTunnel, 2);
   table->entryDel(other);  // absent: nothing to tell
   EXPECT_EQ(told.size(), 2u);
   table->entryIs(LdpSrTunnelTableEntry(other));
@@ -124,22 +122,9 @@ TEST(ProtocolTunnelTablesTest, EntriesNotifyOnRealChangesOnly) {
   EXPECT_TRUE(table->entrys().empty());
 }
 
-TEST(ProtocolTunnelTablesTest, BgpLuConvergenceIsAnAttribute) {
-  auto const table = Vela::make<BgpLuTunnelTable>("bgpLu");
-  int told = 0;
-  auto const sub = table->bgpConvergedChanged().connect([&] { ++told; });
-  EXPECT_FALSE(table->bgpConverged());
-  table->bgpConvergedIs(false);
-  EXPECT_EQ(told, 0);
-  table->bgpConvergedIs(true);
-  table->bgpConvergedIs(true);
-  EXPECT_EQ(told, 1);
-  EXPECT_TRUE(table->bgpConverged());
-}
-
 TEST(ProtocolTunnelTablesTest, EvpnEntriesAreKeyedByTheirKey) {
   auto const table = Vela::make<EvpnVxlanTunnelTable>("evpn");
-  TunnelId const key = tunnel(TunnelType::evpnVxlanTunnel, 3);
+  TunnelId const key = makeId(TunnelType::evpnVxlanTunnel, 3);
   EvpnVxlanTunnelEntry entry(key);
   entry.vlanIdIs(10);
   table->entryIs(entry);
@@ -166,12 +151,9 @@ TEST(ProtocolTunnelTablesTest, InterfaceTunnelIdsComeFromTheInterface) {
   // GRE and IPsec share the scheme.
   EXPECT_EQ(gre->newTunnelId(IntfId(7), Nimbo::AddressFamily::ipv4), v4);
 
-  try {
-    gre->newTunnelId(IntfId(std::uint64_t(1) << 44), Nimbo::AddressFamily::ipv4);
-    FAIL() << "no range error";
-  } catch (Vela::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "Invalid 'indexAndAf'value, value is above 2^44");
-  }
+  EXPECT_EQ(thrownText<Vela::RangeException>(
+                [&] { gre->newTunnelId(IntfId(std::uint64_t(1) << 44), Nimbo::AddressFamily::ipv4); }),
+            "Invalid 'indexAndAf'value, value is above 2^44");
 }
 
 TEST(ProtocolTunnelTablesTest, EvpnTunnelIdsComeFromTheOwnedAllocator) {
@@ -189,8 +171,8 @@ TEST(ProtocolTunnelTablesTest, EvpnTunnelIdsComeFromTheOwnedAllocator) {
 
   TunnelId const first = table->newTunnelId();
   TunnelId const second = table->newTunnelId();
-  EXPECT_EQ(first, tunnel(TunnelType::evpnVxlanTunnel, 1));
-  EXPECT_EQ(second, tunnel(TunnelType::evpnVxlanTunnel, 2));
+  EXPECT_EQ(first, makeId(TunnelType::evpnVxlanTunnel, 1));
+  EXPECT_EQ(second, makeId(TunnelType::evpnVxlanTunnel, 2));
   EXPECT_EQ(allocator->currentId(), Id64(2));
 
   table->idAllocatorDel();
@@ -198,13 +180,13 @@ TEST(ProtocolTunnelTablesTest, EvpnTunnelIdsComeFromTheOwnedAllocator) {
 }
 
 TEST(ProtocolTunnelTablesTest, KernelInterfaceNamesRoundTrip) {
-  EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfName(tunnel(TunnelType::evpnVxlanTunnel, 26)), "t0x1a");
-  EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfName(tunnel(TunnelType::evpnVxlanTunnel, 0)), "t0x0");
+  EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfName(makeId(TunnelType::evpnVxlanTunnel, 26)), "t0x1a");
+  EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfName(makeId(TunnelType::evpnVxlanTunnel, 0)), "t0x0");
 
   // Every index whose name stays within 14 characters (up to 11 hex digits).
   for (std::uint64_t index : {std::uint64_t(1), std::uint64_t(0xABCDEF), std::uint64_t(0x12345678),
                               std::uint64_t(0x3FFFFFFFFFF), std::uint64_t(0x7FFFFFFFFFF)}) {
-    TunnelId const id = tunnel(TunnelType::evpnVxlanTunnel, index);
+    TunnelId const id = makeId(TunnelType::evpnVxlanTunnel, index);
     std::string const name = EvpnVxlanTunnelTable::tunKernelIntfName(id);
     ASSERT_LE(name.size(), 14u) << name;
     EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfTunnelId(name), id) << name;
@@ -212,7 +194,7 @@ TEST(ProtocolTunnelTablesTest, KernelInterfaceNamesRoundTrip) {
 }
 
 TEST(ProtocolTunnelTablesTest, KernelInterfaceNamesAreReadLeniently) {
-  TunnelId const t26 = tunnel(TunnelType::evpnVxlanTunnel, 26);
+  TunnelId const t26 = makeId(TunnelType::evpnVxlanTunnel, 26);
   EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfTunnelId("t0x1a"), t26);
   // Only the first character is dropped; "0x" is optional.
   EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfTunnelId("t1a"), t26);
@@ -226,15 +208,15 @@ TEST(ProtocolTunnelTablesTest, KernelInterfaceNamesAreReadLeniently) {
   EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfTunnelId("t0xt0xt0xt0xt0x"), TunnelId());
   EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfTunnelId("t00000000000001"), TunnelId());
   EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfTunnelId("t0000000000001"),
-            tunnel(TunnelType::evpnVxlanTunnel, 1));
+            makeId(TunnelType::evpnVxlanTunnel, 1));
   // Numbers that are no tunnel index are malformed too, not errors.
   EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfTunnelId("t100000000000"), TunnelId());
   EXPECT_EQ(EvpnVxlanTunnelTable::tunKernelIntfTunnelId("t-1"), TunnelId());
 }
 
 TEST(ProtocolTunnelTablesTest, OnlyDynamicInterfacesOfEvpnTunnelsAreEvpnInterfaces) {
-  TunnelId const evpn = tunnel(TunnelType::evpnVxlanTunnel, 5);
-  TunnelId const ldp = tunnel(TunnelType::ldpTunnel, 5);
+  TunnelId const evpn = makeId(TunnelType::evpnVxlanTunnel, 5);
+  TunnelId const ldp = makeId(TunnelType::ldpTunnel, 5);
   EXPECT_TRUE(
       EvpnVxlanTunnelTable::isValidEvpnIntf(Nimbo::DynamicTunnelIntfId::tunnelIdToIntfId(evpn.value())));
   EXPECT_FALSE(

@@ -3,6 +3,7 @@
 
 #include "TunnelTable/TunnelAggregatorSm.h"
 #include "framework/Skein/Trace.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace {
 
@@ -149,13 +150,7 @@ TEST_F(TunnelAggregatorSmTest, FailedMountStopsTheAgent) {
   em->entityIs("tunnel/tunnelRib", Vela::make<Vela::Dir>("tunnelRib"));  // the wrong type
   agent = Vela::make<Agent>(em);
   agent->start();
-  Vela::ScopedAssertionCatcher catcher;
-  try {
-    scheduler->runUntilIdle();
-    FAIL() << "no assertion";
-  } catch (Vela::AssertionFailure const& failure) {
-    EXPECT_EQ(failure.condition(), "status == Corvel::mountSuccess_");
-  }
+  EXPECT_EQ(assertionText([&] { scheduler->runUntilIdle(); }), "status == Corvel::mountSuccess_");
 }
 
 TEST_F(TunnelAggregatorSmTest, AgentTeardownReleasesTheMachines) {

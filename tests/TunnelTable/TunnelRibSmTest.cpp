@@ -8,12 +8,13 @@
 #include <initializer_list>
 #include <ostream>
 #include <set>
-#include <sstream>
 #include <string>
 
 #include "TunnelTable/TunnelRibSm.h"
 #include "framework/Skein/Trace.h"
 #include "framework/Vela/Exception.h"
+#include "tests/TunnelTable/TestHelpers.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace Tunnel::TunnelTable {
 namespace {
@@ -26,21 +27,11 @@ struct Metrics {
   }
 };
 
-TunnelId makeId(TunnelType type, std::uint64_t index) {
-  return TunnelId(TunnelId::convertToTunnelValue(type, index));
-}
 TunnelId bgpLuId(std::uint64_t n) { return makeId(TunnelType::bgpLuTunnel, n); }
 TunnelId ldpId(std::uint64_t n) { return makeId(TunnelType::ldpTunnel, n); }
 TunnelId srId(std::uint64_t n) { return makeId(TunnelType::srTunnel, n); }
 TunnelId staticId(std::uint64_t n) { return makeId(TunnelType::staticTunnel, n); }
 Nimbo::IpGenPrefix prefix(char const* text) { return Nimbo::IpGenPrefix(std::string_view(text)); }
-
-template <class T>
-std::string str(T const& v) {
-  std::ostringstream os;
-  os << v;
-  return os.str();
-}
 
 // Sorted id values, for comparisons that do not depend on hash order.
 using IdSet = std::set<std::uint64_t>;
@@ -554,21 +545,11 @@ TEST_F(TunnelRibSmTest, UnknownTunnelTypesYieldPreferenceZeroAndTheDefaultEntry)
 
 TEST_F(TunnelRibSmTest, BrokenInvariantsFailTheirAssertions) {
   start();
-  Vela::ScopedAssertionCatcher catcher;
   auto const tep = prefix("10.0.9.1/32");
-  try {
-    sm->handleLdpSrTunnelEntry(bgpLuId(1));
-    ADD_FAILURE() << "no assertion";
-  } catch (Vela::AssertionFailure const& e) {
-    EXPECT_STREQ(e.what(), "id.tunnelType() == srTunnel()");
-  }
+  EXPECT_EQ(assertionText([&] { sm->handleLdpSrTunnelEntry(bgpLuId(1)); }), "id.tunnelType() == srTunnel()");
   addLdp(ldpId(1), tep);
-  try {
-    sm->doAddTunnelId(bgpLuId(9), tep);
-    ADD_FAILURE() << "no assertion";
-  } catch (Vela::AssertionFailure const& e) {
-    EXPECT_STREQ(e.what(), "!!luEntry && luEntry.contribution() == contributing()");
-  }
+  EXPECT_EQ(assertionText([&] { sm->doAddTunnelId(bgpLuId(9), tep); }),
+            "!!luEntry && luEntry.contribution() == contributing()");
 }
 
 // Ordinary table changes reach the metric assertion: the id that moved to
@@ -583,13 +564,8 @@ TEST_F(TunnelRibSmTest, IdLeftUnderItsOldTepReachesTheMetricAssertion) {
   addBgpLu(bgpLuId(1), tep2);
   addBgpLu(bgpLuId(1), tep2, {}, ContributionToTunnelRIB::nonContributing);
   EXPECT_EQ(ribIds(tep1), ids({bgpLuId(1), bgpLuId(2)}));
-  Vela::ScopedAssertionCatcher catcher;
-  try {
-    deleteBgpLu(bgpLuId(2));
-    ADD_FAILURE() << "no assertion";
-  } catch (Vela::AssertionFailure const& e) {
-    EXPECT_STREQ(e.what(), "!!luEntry && luEntry.contribution() == contributing()");
-  }
+  EXPECT_EQ(assertionText([&] { deleteBgpLu(bgpLuId(2)); }),
+            "!!luEntry && luEntry.contribution() == contributing()");
 }
 
 // A non-contributing BGP LU id can be in the tunnel RIB only if it was left
@@ -601,34 +577,20 @@ TEST_F(TunnelRibSmTest, NonContributingBgpLuLeavingTheSetMustNotBeInTheRib) {
   tunnelRib->newEntry(tep)->tunnelIdIs(bgpLuId(1), true);
   start();
   EXPECT_EQ(ribIds(tep), ids({bgpLuId(1)}));
-  Vela::ScopedAssertionCatcher catcher;
-  try {
-    unprogrammableIs(bgpLuId(1), false);
-    ADD_FAILURE() << "no assertion";
-  } catch (Vela::AssertionFailure const& e) {
-    EXPECT_STREQ(e.what(), "tunnelIdIter.key() != id");
-  }
+  EXPECT_EQ(assertionText([&] { unprogrammableIs(bgpLuId(1), false); }), "tunnelIdIter.key() != id");
 }
 
 TEST_F(TunnelRibSmTest, MissingPerProtocolTunnelRibIsAnInternalError) {
   protoTunnelRibColl->protocolTunnelRibDel(TunnelType::ldpTunnel);
   start();
-  try {
-    addLdp(ldpId(1), prefix("10.0.9.3/32"));
-    ADD_FAILURE() << "no exception";
-  } catch (Vela::InternalException const& e) {
-    EXPECT_STREQ(e.what(), "protocolTunnelRib missing for tunnelType ldpTunnel");
-  }
+  EXPECT_EQ(thrownText<Vela::InternalException>([&] { addLdp(ldpId(1), prefix("10.0.9.3/32")); }),
+            "protocolTunnelRib missing for tunnelType ldpTunnel");
   sm->hasNotificationActiveIs(false);
   sm = nullptr;
 
   protoTunnelRibColl->protocolTunnelRibIs(TunnelType::ldpTunnel);
-  try {
-    start();
-    ADD_FAILURE() << "no exception";
-  } catch (Vela::InternalException const& e) {
-    EXPECT_STREQ(e.what(), "protocolTunnelRib::tunnelRib missing for tunnelType ldpTunnel");
-  }
+  EXPECT_EQ(thrownText<Vela::InternalException>([&] { start(); }),
+            "protocolTunnelRib::tunnelRib missing for tunnelType ldpTunnel");
 }
 
 // --- restart -----------------------------------------------------------------------------------------

@@ -1,6 +1,6 @@
 // Tunnel RIB entities: the dump formats (indent 0, a deeper indent, null
-// references), convergence and id-set notifications, and the per-protocol
-// RIB collection and tunnel id sets the selection state machine keeps.
+// references), entry and id-set notifications, and the per-protocol RIB
+// collection and tunnel id sets the selection state machine keeps.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -9,15 +9,12 @@
 
 #include "TunnelTable/TunnelRib.h"
 #include "framework/Quay/DumpContext.h"
+#include "tests/TunnelTable/TestHelpers.h"
 
 namespace {
 
 using Nimbo::IpGenPrefix;
 using namespace Tunnel::TunnelTable;
-
-TunnelId tunnel(TunnelType type, std::uint64_t index) {
-  return TunnelId(TunnelId::convertToTunnelValue(type, index));
-}
 
 IpGenPrefix prefix(char const* text) { return IpGenPrefix(std::string_view(text)); }
 
@@ -32,18 +29,11 @@ std::vector<std::string> lines(std::string const& text) {
   return out;
 }
 
-TEST(TunnelRibTest, AFreshRibDumpsTwoLinesAtIndentZero) {
-  auto const rib = Vela::make<TunnelRib>("tunnelRib");
-  Quay::DumpContext context;
-  rib->dumpState(context, 0);
-  EXPECT_EQ(context.str(), "TunnelRib converged false\n  entries #0\n");
-}
-
 TEST(TunnelRibTest, EntriesDumpAsChildrenFourDeeper) {
   auto const rib = Vela::make<TunnelRib>("tunnelRib");
   rib->tunnelRibConvergedIs(true);
   auto const entry = rib->newEntry(prefix("10.0.0.1/32"));
-  entry->tunnelIdIs(tunnel(TunnelType::ldpTunnel, 0x1a), true);
+  entry->tunnelIdIs(makeId(TunnelType::ldpTunnel, 0x1a), true);
   entry->metricIs(10);
   entry->metric2Is(20);
   entry->prefIs(30);
@@ -69,7 +59,7 @@ TEST(TunnelRibTest, EntriesDumpAsChildrenFourDeeper) {
 TEST(TunnelRibTest, EveryIdOfAnEntryGetsALineInIterationOrder) {
   auto const rib = Vela::make<TunnelRib>("tunnelRib");
   auto const entry = rib->entryIs(prefix("10.0.0.2/32"));
-  for (std::uint64_t i = 1; i <= 3; ++i) entry->tunnelIdIs(tunnel(TunnelType::bgpLuTunnel, i * 0x10), true);
+  for (std::uint64_t i = 1; i <= 3; ++i) entry->tunnelIdIs(makeId(TunnelType::bgpLuTunnel, i * 0x10), true);
   Quay::DumpContext context;
   rib->dumpState(context, 0);
   std::vector<std::string> expected = {"TunnelRib converged false", "  entries #1",
@@ -94,19 +84,6 @@ TEST(TunnelRibTest, NullReferencesDumpAsNull) {
   EXPECT_EQ(present.str(), "TunnelRib converged false\n  entries #0\n");
 }
 
-TEST(TunnelRibTest, ConvergenceNotifiesOnlyOnChange) {
-  auto const rib = Vela::make<TunnelRib>("tunnelRib");
-  int told = 0;
-  auto const sub = rib->tunnelRibConvergedChanged().connect([&] { ++told; });
-  rib->tunnelRibConvergedIs(false);
-  EXPECT_EQ(told, 0);
-  rib->tunnelRibConvergedIs(true);
-  rib->tunnelRibConvergedIs(true);
-  EXPECT_EQ(told, 1);
-  rib->tunnelRibConvergedIs(false);
-  EXPECT_EQ(told, 2);
-}
-
 TEST(TunnelRibTest, EntriesAreCreatedOnceAndNotifyPerTep) {
   auto const rib = Vela::make<TunnelRib>("tunnelRib");
   std::vector<IpGenPrefix> told;
@@ -126,7 +103,7 @@ TEST(TunnelRibTest, EntriesAreCreatedOnceAndNotifyPerTep) {
 
   std::vector<TunnelId> ids;
   auto const idSub = entry->tunnelIds().changed().connect([&](TunnelId const& id) { ids.push_back(id); });
-  TunnelId const a = tunnel(TunnelType::ldpTunnel, 1);
+  TunnelId const a = makeId(TunnelType::ldpTunnel, 1);
   entry->tunnelIdIs(a, true);
   entry->tunnelIdIs(a, true);
   EXPECT_TRUE(entry->tunnelId(a));
@@ -164,7 +141,7 @@ TEST(TunnelRibTest, TunnelIdSetsHoldEachIdOnce) {
   EXPECT_TRUE(coll->entrys().empty());
   int told = 0;
   auto const sub = coll->entrys().changed().connect([&](TunnelId const&) { ++told; });
-  TunnelId const id = tunnel(TunnelType::bgpLuTunnel, 9);
+  TunnelId const id = makeId(TunnelType::bgpLuTunnel, 9);
   coll->entryIs(id, true);
   coll->entryIs(id, true);
   EXPECT_TRUE(coll->entry(id));
@@ -175,8 +152,8 @@ TEST(TunnelRibTest, TunnelIdSetsHoldEachIdOnce) {
 
   auto const byId = Vela::make<TunnelIdCollByTunnelId>(id);
   EXPECT_EQ(byId->key(), id);
-  byId->entryIs(tunnel(TunnelType::ldpTunnel, 1), true);
-  byId->entryIs(tunnel(TunnelType::ldpTunnel, 2), true);
+  byId->entryIs(makeId(TunnelType::ldpTunnel, 1), true);
+  byId->entryIs(makeId(TunnelType::ldpTunnel, 2), true);
   EXPECT_EQ(byId->entrys().size(), 2u);
   byId->entryDelAll();
   EXPECT_TRUE(byId->entrys().empty());

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "TunnelTable/TunnelSm.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace {
 
@@ -56,25 +57,15 @@ TEST_F(NexthopTunnelTableSmTest, TunnelWhoseCountReachedZeroIsRevivedWithItsId) 
 }
 
 TEST_F(NexthopTunnelTableSmTest, DeletingAnUnknownTunnelStopsOnTheAssertion) {
-  Vela::ScopedAssertionCatcher catcher;
-  try {
-    sm->deleteTunnelEntry(TunnelId(42));
-    FAIL() << "no assertion";
-  } catch (Vela::AssertionFailure const& failure) {
-    EXPECT_EQ(failure.condition(), "fetchedL3Info != NexthopTunnelL3Info()");
-  }
+  EXPECT_EQ(assertionText([&] { sm->deleteTunnelEntry(TunnelId(42)); }),
+            "fetchedL3Info != NexthopTunnelL3Info()");
 }
 
 TEST_F(NexthopTunnelTableSmTest, ReverseIndexThatNamesAnotherTunnelStopsOnTheAssertion) {
   auto const a = sm->createOrUpdateStatus(greTo("10.0.0.2"));
   table->entryIs(TunnelId(7), greTo("10.0.0.2"));  // a table entry the allocator did not hand out
-  Vela::ScopedAssertionCatcher catcher;
-  try {
-    sm->deleteTunnelEntry(TunnelId(7));
-    FAIL() << "no assertion";
-  } catch (Vela::AssertionFailure const& failure) {
-    EXPECT_EQ(failure.condition(), "reverseEntry.tunnelId() == tunnelId");
-  }
+  EXPECT_EQ(assertionText([&] { sm->deleteTunnelEntry(TunnelId(7)); }),
+            "reverseEntry.tunnelId() == tunnelId");
   EXPECT_EQ(sm->refCount(a.tunnelId), 1u);
 }
 
@@ -127,12 +118,8 @@ TEST_F(NexthopTunnelTableSmTest, WithoutTablesNothingIsAllocated) {
 
 TEST(NexthopValuesTest, NextHopIndexBounds) {
   EXPECT_EQ(NextHopIndex(127).value(), 127u);
-  try {
-    NextHopIndex(128);
-    FAIL();
-  } catch (Vela::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "NextHopIndex::value < NextHopIndex::min or > NextHopIndex::max not allowed");
-  }
+  EXPECT_EQ(thrownText<Vela::RangeException>([] { NextHopIndex(128); }),
+            "NextHopIndex::value < NextHopIndex::min or > NextHopIndex::max not allowed");
 }
 
 TEST(NexthopValuesTest, CounterIdPacksGroupInTheHighHalf) {

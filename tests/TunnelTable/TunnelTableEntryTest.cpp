@@ -9,6 +9,7 @@
 #include "TunnelTable/TunnelTableEntry.h"
 #include "framework/Vela/Hash.h"
 #include "framework/Vela/Value.h"
+#include "tests/TunnelTable/TestHelpers.h"
 
 namespace {
 
@@ -17,10 +18,6 @@ using Nimbo::IpGenAddr;
 using Nimbo::IpGenPrefix;
 using Nimbo::MplsLabelOperation;
 using namespace Tunnel::TunnelTable;
-
-TunnelId tunnel(TunnelType type, std::uint64_t index) {
-  return TunnelId(TunnelId::convertToTunnelValue(type, index));
-}
 
 IpGenAddr addr(char const* text) { return IpGenAddr(std::string_view(text)); }
 IpGenPrefix prefix(char const* text) { return IpGenPrefix(std::string_view(text)); }
@@ -31,23 +28,23 @@ MplsVia mplsVia(char const* nexthop, char const* intf, std::uint32_t label) {
 }
 
 TEST(TunnelTableEntryTest, TextualFormsOfTheCommonAndMplsEntries) {
-  TunnelTableEntry base(tunnel(TunnelType::ldpTunnel, 26));
+  TunnelTableEntry base(makeId(TunnelType::ldpTunnel, 26));
   base.tepIs(prefix("10.0.0.1/32"));
   EXPECT_EQ(
       Vela::valueToStrep(base),
       "Value('Tunnel::TunnelTable::TunnelTableEntry', ** {'tunnelId': 52776558133274, 'tep': '10.0.0.1/32', "
       "'nexthopTunnelId': 0})");
 
-  BgpLuPushTunnelTableEntry push(tunnel(TunnelType::bgpLuPushTunnel, 7));
+  BgpLuPushTunnelTableEntry push(makeId(TunnelType::bgpLuPushTunnel, 7));
   push.tepIs(prefix("10.0.0.7/32"));
-  push.nexthopTunnelIdIs(tunnel(TunnelType::ldpTunnel, 26));
+  push.nexthopTunnelIdIs(makeId(TunnelType::ldpTunnel, 26));
   push.viaIs(via("10.1.0.1", "Ethernet1"), true);
   push.labelsIs(MplsLabelOperation::pushOf({16, 3000}));
   EXPECT_EQ(Vela::valueToStrep(push),
             "Value('Tunnel::TunnelTable::BgpLuPushTunnelTableEntry', ** {'tunnelId': 17592186044423, 'tep': "
             "'10.0.0.7/32', 'nexthopTunnelId': 52776558133274, 'via': None, 'labels': 'push 16 3000'})");
 
-  BgpLuTunnelTableEntry lu(tunnel(TunnelType::bgpLuTunnel, 5));
+  BgpLuTunnelTableEntry lu(makeId(TunnelType::bgpLuTunnel, 5));
   lu.tepIs(prefix("10.0.0.5/32"));
   lu.labelsIs(MplsLabelOperation::pushOf({100}));
   lu.contributionIs(ContributionToTunnelRIB::nonContributing);
@@ -62,7 +59,7 @@ TEST(TunnelTableEntryTest, TextualFormsOfTheCommonAndMplsEntries) {
             "nonContributing, 'bgpMetric': 10, 'bgpMetric2': 20, 'bgpPref': 30, 'bgpPref2': 40, 'bgpLinkBw': "
             "2.5})");
 
-  LdpSrTunnelTableEntry ldp(tunnel(TunnelType::ldpTunnel, 26));
+  LdpSrTunnelTableEntry ldp(makeId(TunnelType::ldpTunnel, 26));
   ldp.tepIs(prefix("10.0.0.1/32"));
   ldp.viaIs(mplsVia("10.1.0.1", "Ethernet1", 16), true);
   ldp.igpMetricIs(1);
@@ -75,12 +72,12 @@ TEST(TunnelTableEntryTest, TextualFormsOfTheCommonAndMplsEntries) {
       "'10.0.0.1/32', 'nexthopTunnelId': 0, 'via': None, 'igpMetric': 1, 'igpMetric2': 2, 'igpPref': 3, "
       "'igpPref2': 4})");
 
-  SrTeSegmentListTunnelTableEntry srTe(tunnel(TunnelType::srTeSegmentListTunnel, 4));
+  SrTeSegmentListTunnelTableEntry srTe(makeId(TunnelType::srTeSegmentListTunnel, 4));
   EXPECT_EQ(Vela::valueToStrep(srTe),
             "Value('Tunnel::TunnelTable::SrTeSegmentListTunnelTableEntry', ** {'tunnelId': 140737488355332, "
             "'tep': '', 'nexthopTunnelId': 0, 'via': None})");
 
-  StaticTunnelTableEntry stat(tunnel(TunnelType::staticTunnel, 9));
+  StaticTunnelTableEntry stat(makeId(TunnelType::staticTunnel, 9));
   stat.tepIs(prefix("10.0.0.9/32"));
   stat.labelsIs(MplsLabelOperation::pushOf({200}));
   stat.nameIs("st1");
@@ -90,7 +87,7 @@ TEST(TunnelTableEntryTest, TextualFormsOfTheCommonAndMplsEntries) {
 }
 
 TEST(TunnelTableEntryTest, TextualFormsOfTheInterfaceAndEvpnEntries) {
-  L3IntfTunnelTableEntry l3(tunnel(TunnelType::staticInterfaceTunnel, 11));
+  L3IntfTunnelTableEntry l3(makeId(TunnelType::staticInterfaceTunnel, 11));
   EXPECT_EQ(
       Vela::valueToStrep(l3),
       "Value('Tunnel::TunnelTable::L3IntfTunnelTableEntry', ** {'tunnelId': 158329674399755, 'tep': '', "
@@ -99,7 +96,7 @@ TEST(TunnelTableEntryTest, TextualFormsOfTheInterfaceAndEvpnEntries) {
   Tunnel::GreTunnelInfo gre;
   gre.srcIs(addr("1.1.1.1"));
   gre.dstIs(addr("2.2.2.2"));
-  GreIntfTunnelTableEntry greEntry(tunnel(TunnelType::staticInterfaceTunnel, 11));
+  GreIntfTunnelTableEntry greEntry(makeId(TunnelType::staticInterfaceTunnel, 11));
   greEntry.tunnelInfoIs(gre);
   EXPECT_EQ(
       Vela::valueToStrep(greEntry),
@@ -108,14 +105,14 @@ TEST(TunnelTableEntryTest, TextualFormsOfTheInterfaceAndEvpnEntries) {
           Vela::valueToStrep(gre) + "})");
   EXPECT_NE(Vela::valueToStrep(gre).find("'src': '1.1.1.1'"), std::string::npos);
 
-  IpsecIntfTunnelTableEntry ipsecEntry(tunnel(TunnelType::staticInterfaceTunnel, 11));
+  IpsecIntfTunnelTableEntry ipsecEntry(makeId(TunnelType::staticInterfaceTunnel, 11));
   EXPECT_EQ(
       Vela::valueToStrep(ipsecEntry),
       "Value('Tunnel::TunnelTable::IpsecIntfTunnelTableEntry', ** {'tunnelId': 158329674399755, 'tep': '', "
       "'nexthopTunnelId': 0, 'via': None, 'tunnelInfo': " +
           Vela::valueToStrep(Tunnel::IpsecTunnelInfo()) + "})");
 
-  EvpnVxlanTunnelEntry evpn(tunnel(TunnelType::evpnVxlanTunnel, 1));
+  EvpnVxlanTunnelEntry evpn(makeId(TunnelType::evpnVxlanTunnel, 1));
   evpn.macIs(Nimbo::EthAddr(std::string_view("00:1c:73:00:00:01")));
   evpn.vlanIdIs(10);
   evpn.vniIs(Vxlan::Vni(10010));
@@ -126,7 +123,7 @@ TEST(TunnelTableEntryTest, TextualFormsOfTheInterfaceAndEvpnEntries) {
 }
 
 TEST(TunnelTableEntryTest, ViaSetsAreNeverPrinted) {
-  StaticTunnelTableEntry a(tunnel(TunnelType::staticTunnel, 1));
+  StaticTunnelTableEntry a(makeId(TunnelType::staticTunnel, 1));
   StaticTunnelTableEntry b = a;
   for (char const* nh : {"10.1.0.1", "10.1.0.2", "10.1.0.3"}) a.viaIs(via(nh, "Ethernet1"), true);
   EXPECT_EQ(a.vias().size(), 3u);
@@ -137,8 +134,8 @@ TEST(TunnelTableEntryTest, ViaSetsAreNeverPrinted) {
 }
 
 TEST(TunnelTableEntryTest, EqualityIgnoresViaInsertionOrder) {
-  LdpSrTunnelTableEntry a(tunnel(TunnelType::ldpTunnel, 1));
-  LdpSrTunnelTableEntry b(tunnel(TunnelType::ldpTunnel, 1));
+  LdpSrTunnelTableEntry a(makeId(TunnelType::ldpTunnel, 1));
+  LdpSrTunnelTableEntry b(makeId(TunnelType::ldpTunnel, 1));
   MplsVia const v1 = mplsVia("10.1.0.1", "Ethernet1", 16);
   MplsVia const v2 = mplsVia("10.1.0.2", "Ethernet2", 17);
   MplsVia const v3 = mplsVia("10.1.0.3", "Ethernet3", 18);
@@ -163,7 +160,7 @@ TEST(TunnelTableEntryTest, EqualityIgnoresViaInsertionOrder) {
   LdpSrTunnelTableEntry c = a;
   c.igpPref2Is(1);  // the last field alone
   EXPECT_NE(a, c);
-  LdpSrTunnelTableEntry d(tunnel(TunnelType::ldpTunnel, 2));  // the key alone
+  LdpSrTunnelTableEntry d(makeId(TunnelType::ldpTunnel, 2));  // the key alone
   d.viaIs(v1, true);
   d.viaIs(v2, true);
   d.viaIs(v3, true);
@@ -179,7 +176,7 @@ TEST(TunnelTableEntryTest, NotIsTrueExactlyForTheDefaultEntry) {
   EXPECT_TRUE(!ldp);
   ldp.igpMetricIs(1);
   EXPECT_FALSE(!ldp);
-  EXPECT_FALSE(!LdpSrTunnelTableEntry(tunnel(TunnelType::ldpTunnel, 1)));
+  EXPECT_FALSE(!LdpSrTunnelTableEntry(makeId(TunnelType::ldpTunnel, 1)));
 
   // Each type tests against its own default, not its base's.
   BgpLuTunnelTableEntry lu;
@@ -209,13 +206,13 @@ TEST(TunnelTableEntryTest, NotIsTrueExactlyForTheDefaultEntry) {
   EXPECT_TRUE(!evpn);
   evpn.vlanIdIs(1);
   EXPECT_FALSE(!evpn);
-  EXPECT_FALSE(!EvpnVxlanTunnelEntry(tunnel(TunnelType::evpnVxlanTunnel, 1)));
+  EXPECT_FALSE(!EvpnVxlanTunnelEntry(makeId(TunnelType::evpnVxlanTunnel, 1)));
 }
 
 TEST(TunnelTableEntryTest, TunnelIdViaIsLayersOverATunnelOnce) {
-  BgpLuTunnelTableEntry lu(tunnel(TunnelType::bgpLuTunnel, 5));
-  TunnelId const ldp1 = tunnel(TunnelType::ldpTunnel, 1);
-  TunnelId const ldp2 = tunnel(TunnelType::ldpTunnel, 2);
+  BgpLuTunnelTableEntry lu(makeId(TunnelType::bgpLuTunnel, 5));
+  TunnelId const ldp1 = makeId(TunnelType::ldpTunnel, 1);
+  TunnelId const ldp2 = makeId(TunnelType::ldpTunnel, 2);
 
   lu.tunnelIdViaIs(ldp1);
   lu.tunnelIdViaIs(ldp1);

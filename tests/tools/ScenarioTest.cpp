@@ -8,6 +8,7 @@
 #include <string>
 
 #include "TunnelTable/TunnelIntfId.h"
+#include "tests/TunnelTable/TestHelpers.h"
 #include "tools/tunnel-agent/Commands.h"
 #include "tools/tunnel-agent/Scenario.h"
 
@@ -16,10 +17,6 @@ namespace {
 using namespace Tunnel::Tool;
 using namespace Tunnel::TunnelTable;
 using Json = nlohmann::json;
-
-TunnelId idOf(TunnelType type, std::uint64_t index) {
-  return TunnelId(TunnelId::convertToTunnelValue(type, index));
-}
 
 Scenario read(std::string const& text) {
   std::ostringstream err;
@@ -64,7 +61,7 @@ TEST(ScenarioTest, BuildsTheLibrarysEntriesForEveryTable) {
   EXPECT_EQ(s.tables[2].kind, TableKind::ldp);
   EXPECT_EQ(s.tables[2].tablePref, TunnelTablePref::srPref);
 
-  LdpSrTunnelTableEntry ldp(idOf(TunnelType::ldpTunnel, 1));
+  LdpSrTunnelTableEntry ldp(makeId(TunnelType::ldpTunnel, 1));
   ldp.tepIs(Nimbo::IpGenPrefix("10.0.0.1/32"));
   ldp.igpMetricIs(10);
   ldp.igpPref2Is(4);
@@ -73,18 +70,18 @@ TEST(ScenarioTest, BuildsTheLibrarysEntriesForEveryTable) {
   EXPECT_EQ(std::get<LdpSrTunnelTableEntry>(s.tables[2].entries[0].value), ldp);
 
   // A via "through tunnel ldp/1" is exactly what the library's tunnelIdViaIs writes.
-  BgpLuTunnelTableEntry lu(idOf(TunnelType::bgpLuTunnel, 7));
+  BgpLuTunnelTableEntry lu(makeId(TunnelType::bgpLuTunnel, 7));
   lu.tepIs(Nimbo::IpGenPrefix("192.168.0.7/32"));
   lu.labelsIs(Nimbo::MplsLabelOperation::pushOf({100, 200}));
   lu.contributionIs(ContributionToTunnelRIB::nonContributing);
   lu.bgpMetricIs(5);
   lu.bgpLinkBwIs(2.5f);
-  lu.nexthopTunnelIdIs(idOf(TunnelType::nexthopTunnel, 4));
-  lu.tunnelIdViaIs(idOf(TunnelType::ldpTunnel, 1));
+  lu.nexthopTunnelIdIs(makeId(TunnelType::nexthopTunnel, 4));
+  lu.tunnelIdViaIs(makeId(TunnelType::ldpTunnel, 1));
   EXPECT_EQ(std::get<BgpLuTunnelTableEntry>(s.tables[0].entries[0].value), lu);
 
   // A raw tunnel id of the right kind; a tep is optional outside the RIB's tables.
-  EXPECT_EQ(s.tables[1].entries[0].tunnelId(), idOf(TunnelType::bgpLuPushTunnel, 9));
+  EXPECT_EQ(s.tables[1].entries[0].tunnelId(), makeId(TunnelType::bgpLuPushTunnel, 9));
   EXPECT_TRUE(s.tables[1].entries[0].tep().isEmpty());
 
   auto const& sr = std::get<LdpSrTunnelTableEntry>(s.tables[3].entries[0].value);
@@ -125,7 +122,7 @@ TEST(ScenarioTest, ReadsStaticConfigurationDecapSourcesAndViews) {
   EXPECT_EQ(s.dynamicDecap[0].name, "evpn");
   ASSERT_EQ(s.show.size(), 2u);
   EXPECT_EQ(s.show[0].protocol, TableKind::ldp);
-  EXPECT_EQ(s.show[1].tunnel, idOf(TunnelType::bgpLuTunnel, 2));
+  EXPECT_EQ(s.show[1].tunnel, makeId(TunnelType::bgpLuTunnel, 2));
 }
 
 struct BadEntry {
@@ -404,8 +401,8 @@ TEST(ScenarioTest, ViewsAndTunnelReferences) {
   EXPECT_EQ(why,
             "dependents: malformed tunnel 'ldp': write a tunnel as <table>/<index>, e.g. \"ldp/5\" or "
             "\"sr/3/ipv6\"");
-  EXPECT_EQ(tunnelRef(idOf(TunnelType::staticTunnel, 4)), "static/4");
-  EXPECT_EQ(tunnelRef(idOf(TunnelType::nexthopTunnel, 4)), "nexthop/4");
+  EXPECT_EQ(tunnelRef(makeId(TunnelType::staticTunnel, 4)), "static/4");
+  EXPECT_EQ(tunnelRef(makeId(TunnelType::nexthopTunnel, 4)), "nexthop/4");
   EXPECT_EQ(tunnelRef(TunnelId(0xA00000000005ull)), "type10/5");
 }
 

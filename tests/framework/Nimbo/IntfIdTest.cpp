@@ -5,21 +5,12 @@
 
 #include "framework/Nimbo/IntfId.h"
 #include "framework/Vela/Value.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace Nimbo {
 namespace {
 
 static_assert(sizeof(IntfId) == 8 && std::is_trivially_copyable_v<IntfId>);
-
-template <class Fn>
-void expectRangeError(Fn fn, std::string const& fragment) {
-  try {
-    fn();
-    ADD_FAILURE() << "no RangeException; expected one mentioning \"" << fragment << "\"";
-  } catch (Vela::RangeException const& e) {
-    EXPECT_NE(std::string(e.what()).find(fragment), std::string::npos) << e.what();
-  }
-}
 
 constexpr std::uint64_t kind(std::uint64_t k) { return k << 32; }
 

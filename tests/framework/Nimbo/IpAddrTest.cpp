@@ -8,6 +8,7 @@
 
 #include "framework/Nimbo/IpAddr.h"
 #include "framework/Vela/Value.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace Nimbo {
 namespace {
@@ -16,17 +17,6 @@ static_assert(std::is_trivially_copyable_v<IpAddr> && std::is_trivially_copyable
               std::is_trivially_copyable_v<IpGenAddr> && std::is_trivially_copyable_v<IpGenPrefix>);
 static_assert(sizeof(IpGenAddr) <= 20);
 static_assert(sizeof(IpGenPrefix) <= 24);
-
-// Runs fn, expecting a Vela::RangeException whose text contains `fragment`.
-template <class Fn>
-void expectRangeError(Fn fn, std::string const& fragment) {
-  try {
-    fn();
-    ADD_FAILURE() << "no RangeException; expected one mentioning \"" << fragment << "\"";
-  } catch (Vela::RangeException const& e) {
-    EXPECT_NE(std::string(e.what()).find(fragment), std::string::npos) << e.what();
-  }
-}
 
 TEST(IpAddrTest, ParsesAndPrintsDottedQuads) {
   EXPECT_EQ(IpAddr::fromStrep("10.0.0.1").value(), 0x0A000001u);

@@ -5,6 +5,7 @@
 
 #include "framework/Nimbo/MplsLabelOperation.h"
 #include "framework/Vela/Value.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace Nimbo {
 namespace {
@@ -16,26 +17,6 @@ std::string const stackSizeText =
 std::string const indexText =
     "MplsStackEntryIndex::value < MplsStackEntryIndex::min or > MplsStackEntryIndex::max not allowed";
 std::string const labelText = "MplsLabel::value < MplsLabel::min or > MplsLabel::max not allowed";
-
-template <class Fn>
-void expectRangeError(Fn fn, std::string const& fragment) {
-  try {
-    fn();
-    ADD_FAILURE() << "no RangeException; expected one mentioning \"" << fragment << "\"";
-  } catch (Vela::RangeException const& e) {
-    EXPECT_NE(std::string(e.what()).find(fragment), std::string::npos) << e.what();
-  }
-}
-
-template <class Fn>
-void expectExactRangeError(Fn fn, std::string const& text) {
-  try {
-    fn();
-    ADD_FAILURE() << "no RangeException; expected \"" << text << "\"";
-  } catch (Vela::RangeException const& e) {
-    EXPECT_EQ(std::string(e.what()), text);
-  }
-}
 
 TEST(MplsLabelOperationTest, DefaultAndPush) {
   MplsLabelOperation op;
@@ -56,12 +37,13 @@ TEST(MplsLabelOperationTest, DefaultAndPush) {
 
 TEST(MplsLabelOperationTest, BoundsRaiseTheExactRangeTexts) {
   MplsLabelOperation op;
-  expectExactRangeError([&] { op.stackSizeIs(7); }, stackSizeText);
-  expectExactRangeError([&] { op.label(6); }, indexText);
-  expectExactRangeError([&] { op.labelIs(6, 1); }, indexText);
-  expectExactRangeError([&] { op.labelIs(static_cast<std::size_t>(-1), 1); }, indexText);
-  expectExactRangeError([&] { op.labelIs(0, 0x100000); }, labelText);
-  expectExactRangeError([&] { op.push(0x100000); }, labelText);
+  EXPECT_EQ(thrownText<Vela::RangeException>([&] { op.stackSizeIs(7); }), stackSizeText);
+  EXPECT_EQ(thrownText<Vela::RangeException>([&] { op.label(6); }), indexText);
+  EXPECT_EQ(thrownText<Vela::RangeException>([&] { op.labelIs(6, 1); }), indexText);
+  EXPECT_EQ(thrownText<Vela::RangeException>([&] { op.labelIs(static_cast<std::size_t>(-1), 1); }),
+            indexText);
+  EXPECT_EQ(thrownText<Vela::RangeException>([&] { op.labelIs(0, 0x100000); }), labelText);
+  EXPECT_EQ(thrownText<Vela::RangeException>([&] { op.push(0x100000); }), labelText);
   EXPECT_EQ(op.stackSize(), 0);  // failed pushes leave the stack alone
 
   op.labelIs(5, 0xFFFFF);
@@ -69,9 +51,12 @@ TEST(MplsLabelOperationTest, BoundsRaiseTheExactRangeTexts) {
   EXPECT_EQ(op.label(5), 0xFFFFFu);
 
   auto full = MplsLabelOperation::pushOf({1, 2, 3, 4, 5, 6});
-  expectExactRangeError([&] { full.push(7); }, indexText);
+  EXPECT_EQ(thrownText<Vela::RangeException>([&] { full.push(7); }), indexText);
   EXPECT_EQ(full.stackSize(), 6);
-  expectExactRangeError([] { MplsLabelOperation::pushOf({1, 2, 3, 4, 5, 6, 7}); }, indexText);
+  EXPECT_EQ(thrownText<Vela::RangeException>([] {
+              MplsLabelOperation::pushOf({1, 2, 3, 4, 5, 6, 7});
+            }),
+            indexText);
   expectRangeError([&] { op.operationIs(static_cast<MplsAction>(4)); },
                    "invalid value 4 for enumeration Nimbo::MplsAction");
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "framework/Vela/Entity.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace {
 
@@ -138,12 +139,8 @@ TEST(EntityTest, DelAllNotifiesEveryKey) {
 
 TEST(EntityTest, RefCollectionRefusesNullWithMutatorText) {
   auto box = Vela::make<Box>("b");
-  try {
-    box->borrowed.set(1, nullptr);
-    FAIL();
-  } catch (Vela::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "null _item parameter to mutator for Test::Box::borrowed not allowed\"");
-  }
+  EXPECT_EQ(thrownText<Vela::RangeException>([&] { box->borrowed.set(1, nullptr); }),
+            "null _item parameter to mutator for Test::Box::borrowed not allowed\"");
   EXPECT_TRUE(box->borrowed.empty());
   auto item = Vela::make<Item>(1);
   box->borrowed.set(1, item);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "framework/Vela/LinkQueue.h"
+#include "tests/framework/Vela/Thrown.h"
 
 namespace {
 
@@ -53,12 +54,8 @@ TEST(LinkQueueTest, AllPositionsInUseRefusesAnotherPush) {
   EXPECT_EQ(q.size(), 256u);
   EXPECT_EQ(q.headIndex(), q.tailIndex());
   EXPECT_EQ(*q.at(9), 255);  // the last position before the head
-  try {
-    q.push(std::make_unique<int>(256));
-    FAIL() << "no exception";
-  } catch (Vela::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "linkqueue index space full");
-  }
+  EXPECT_EQ(thrownText<Vela::RangeException>([&] { q.push(std::make_unique<int>(256)); }),
+            "linkqueue index space full");
   EXPECT_EQ(q.size(), 256u);
   q.pop();
   EXPECT_EQ(q.push(std::make_unique<int>(256)), 10);
