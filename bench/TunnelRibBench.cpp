@@ -9,7 +9,8 @@
 //    tables themselves in OneByOne;
 //  - OneByOneWarm: OneByOne once more in memory that a first, untimed round
 //    left to the allocator, so without the kernel's cost of new pages.
-// Counters: microseconds per tunnel, and bytes per tunnel as the growth of
+// Counters: microseconds per tunnel (wall time, and the process's user and
+// kernel CPU time with its page faults), and bytes per tunnel as the growth of
 // the resident set (/proc/self/statm) and of the heap in use.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
@@ -21,6 +22,7 @@
 #include <memory>
 
 #include "TunnelTable/TunnelRibSm.h"
+#include "bench/ProcessTimes.h"
 #include "framework/Vela/LargeBlock.h"
 #include "framework/Vela/SmallBlock.h"
 
@@ -103,9 +105,11 @@ void fillTables(World& world) {
 
 using Clock = std::chrono::steady_clock;
 
-void report(benchmark::State& state, double seconds, std::int64_t rss, std::int64_t heap) {
+void report(benchmark::State& state, double seconds, TunnelBench::ProcessTimes const& spent, std::int64_t rss,
+            std::int64_t heap) {
   double const tunnels = static_cast<double>(kBgpLuTunnels + kLdpTunnels);
   state.SetIterationTime(seconds);
+  TunnelBench::reportProcessTimes(state, spent, tunnels, "tunnel");
   state.counters["tunnels"] = tunnels;
   state.counters["us_per_tunnel"] = seconds * 1e6 / tunnels;
   state.counters["rss_bytes_per_tunnel"] = static_cast<double>(rss) / tunnels;
@@ -118,10 +122,12 @@ void BM_InitialScan(benchmark::State& state) {
     fillTables(*world);
     releaseFreeMemory();
     std::int64_t const rss0 = residentBytes(), heap0 = heapInUse();
+    auto const times0 = TunnelBench::ProcessTimes::now();
     auto const t0 = Clock::now();
     world->start();
     double const seconds = std::chrono::duration<double>(Clock::now() - t0).count();
-    report(state, seconds, residentBytes() - rss0, heapInUse() - heap0);
+    report(state, seconds, TunnelBench::ProcessTimes::now() - times0, residentBytes() - rss0,
+           heapInUse() - heap0);
     if (world->rib->entrys().size() != static_cast<std::size_t>(kBgpLuTunnels))
       state.SkipWithError("wrong RIB");
     world.reset();
@@ -143,10 +149,12 @@ void oneByOne(benchmark::State& state, bool withSm, bool warm) {
     auto world = std::make_unique<World>();
     if (withSm) world->start();
     std::int64_t const rss0 = residentBytes(), heap0 = heapInUse();
+    auto const times0 = TunnelBench::ProcessTimes::now();
     auto const t0 = Clock::now();
     fillTables(*world);
     double const seconds = std::chrono::duration<double>(Clock::now() - t0).count();
-    report(state, seconds, residentBytes() - rss0, heapInUse() - heap0);
+    report(state, seconds, TunnelBench::ProcessTimes::now() - times0, residentBytes() - rss0,
+           heapInUse() - heap0);
     if (withSm && world->rib->entrys().size() != static_cast<std::size_t>(kBgpLuTunnels)) {
       state.SkipWithError("wrong RIB");
     }
