@@ -36,11 +36,12 @@
 // probe far the range is refitted to the members, leaving room above them (or
 // below, when they arrive in descending order), and the table is rebuilt in
 // one pass. Each slot has parallel parts: the member, stored inline; its
-// reversed hash; a state byte (scanned by iteration); and a 2-byte probe word
-// holding the member's distance from its home and the next 8 bits of its
-// interpolated position, which orders it against a looked-up key with one
-// compare, so a lookup reads only probe words until it reaches its member, and
-// a miss usually reads nothing else. An empty map allocates nothing and a
+// reversed hash; and a 2-byte probe word holding the member's distance from
+// its home and the next 8 bits of its interpolated position, which orders it
+// against a looked-up key with one compare, so a lookup reads only probe
+// words until it reaches its member, and a miss usually reads nothing else.
+// Empty slots and the sentinel have probe words of their own, so the probe
+// words are also what iteration scans. An empty map allocates nothing and a
 // small one only a few slots. Members are moved when the table shifts
 // or grows, so keys and values should have cheap, non-throwing moves; those
 // that may be moved as bytes (Relocatable.h) are shifted with memmove, and a
@@ -93,17 +94,16 @@ class HashMap {
     alignas(Member) unsigned char bytes[sizeof(Member)];
   };
 
-  // Slot states.
-  static constexpr std::uint8_t kEmpty = 0;
-  static constexpr std::uint8_t kFull = 1;
-  static constexpr std::uint8_t kEnd = 2;  // the sentinel after the last slot
   // Empty slots and the sentinel carry the largest reversed hash, which ends
   // every probe without a separate bounds check (a member may carry it too,
   // so only then the state decides).
   static constexpr std::uint32_t kNoRev = 0xFFFFFFFFu;
   static constexpr std::size_t kEndIdx = static_cast<std::size_t>(-1);
-  // Probe word of an empty slot (and the sentinel): after every member.
+  // Probe words of an empty slot and of the sentinel after the last slot:
+  // after every member's (at most 0xFEFF), so they end every probe and tell
+  // a slot's state.
   static constexpr std::uint16_t kNoProbe = 0xFFFF;
+  static constexpr std::uint16_t kEndProbe = 0xFFFE;
   // Distances up to this are kept in the probe word; a member further from
   // its home has distance byte 0.
   static constexpr std::size_t kMaxNear = 253;
@@ -266,7 +266,6 @@ class HashMap {
     swap(members_, o.members_);
     swap(revs_, o.revs_);
     swap(probes_, o.probes_);
-    swap(states_, o.states_);
     swap(size_, o.size_);
     swap(limit_, o.limit_);
     swap(overflow_, o.overflow_);
@@ -294,7 +293,7 @@ class HashMap {
   std::size_t maxProbeDistance() const noexcept {
     std::size_t most = 0;
     for (std::size_t i = 0; i < limit_; ++i) {
-      if (states_[i] == kFull) most = std::max(most, i - homeOf(revs_[i]));
+      if (isFull(i)) most = std::max(most, i - homeOf(revs_[i]));
     }
     return most;
   }
@@ -397,7 +396,7 @@ class HashMap {
   friend bool operator==(HashMap const& a, HashMap const& b) requires std::equality_comparable<V> {
     if (a.size_ != b.size_) return false;
     for (std::size_t i = 0; i < a.limit_; ++i) {
-      if (a.states_[i] != kFull) continue;
+      if (!a.isFull(i)) continue;
       V const* v = b.lookup(a.member(i).key);
       if (!v || !(*v == a.member(i).value)) return false;
     }
@@ -430,8 +429,9 @@ class HashMap {
   }
   // Whether slot i holds a member whose reversed hash is rev.
   bool holds(std::size_t i, std::uint32_t rev) const {
-    return revs_[i] == rev && (rev != kNoRev || states_[i] == kFull);
+    return revs_[i] == rev && (rev != kNoRev || isFull(i));
   }
+  bool isFull(std::size_t i) const { return probes_[i] < kEndProbe; }
 
   // Smallest table (in bits of the main area) that holds n members.
   static std::uint32_t bitsFor(std::size_t n) {
@@ -571,12 +571,12 @@ class HashMap {
 
   // The first slot from i on without a member (limit_ for the sentinel).
   std::size_t runEnd(std::size_t i) const {
-    while (probes_[i] != kNoProbe) ++i;
+    while (probes_[i] < kEndProbe) ++i;
     return i;
   }
   std::size_t nextFull(std::size_t i) const {
-    while (states_[i] == kEmpty) ++i;
-    return states_[i] == kFull ? i : kEndIdx;
+    while (probes_[i] == kNoProbe) ++i;
+    return probes_[i] == kEndProbe ? kEndIdx : i;
   }
   std::size_t firstFull() const {
     firstHint_ = nextFull(firstHint_);
@@ -635,7 +635,6 @@ class HashMap {
     shiftRight(idx, end);
     ::new (static_cast<void*>(members_[idx].bytes)) Member(std::move(fresh));
     revs_[idx] = rev;
-    states_[idx] = kFull;
     refreshProbes(idx, end + 1);
     ++size_;
     ++epoch_;
@@ -647,10 +646,9 @@ class HashMap {
   bool eraseAt(std::size_t idx) {
     std::destroy_at(&member(idx));
     std::size_t end = idx + 1;
-    while (states_[end] == kFull && homeOf(revs_[end]) < end) ++end;
+    while (isFull(end) && homeOf(revs_[end]) < end) ++end;
     shiftLeft(idx, end);
     revs_[end - 1] = kNoRev;
-    states_[end - 1] = kEmpty;
     probes_[end - 1] = kNoProbe;
     refreshProbes(idx, end - 1);
     --size_;
@@ -689,14 +687,14 @@ class HashMap {
     // member queued again behind a drained backlog) should not keep the bulk
     // crowded. Left out below the new range, they share its first slots.
     std::size_t low = firstFull(), high = limit_ - 1;
-    while (states_[high] != kFull) --high;
+    while (!isFull(high)) --high;
     bool const outside = revs_[low] < lo_ || std::uint64_t(revs_[high]) > std::uint64_t(lo_) + range_ ||
                          (pending && (rev < lo_ || std::uint64_t(rev) > std::uint64_t(lo_) + range_));
     std::uint32_t const first = revs_[low], top = revs_[high];
     for (std::size_t skip = 0; skip < kRefitTrim; ++skip) {
       low = nextFull(low + 1);
       do --high;
-      while (states_[high] != kFull);
+      while (!isFull(high));
     }
     std::uint32_t lo = revs_[low], hi = revs_[high];
     if (pending) {
@@ -727,7 +725,6 @@ class HashMap {
   void shiftRight(std::size_t from, std::size_t to) {
     if (from == to) return;
     std::memmove(revs_ + from + 1, revs_ + from, (to - from) * sizeof(std::uint32_t));
-    states_[to] = kFull;
     if constexpr (kBytewiseMember) {
       std::memmove(static_cast<void*>(members_ + from + 1), members_ + from, (to - from) * sizeof(Storage));
     } else {
@@ -751,14 +748,13 @@ class HashMap {
     std::destroy_at(&member(from));
   }
 
-  // The parts of n slots in one block: members, reversed hashes, probe words,
-  // states. The last slot is the sentinel.
+  // The parts of n slots in one block: members, reversed hashes, probe
+  // words. The last slot is the sentinel.
   struct Table {
     void* block;
     Storage* members;
     std::uint32_t* revs;
     std::uint16_t* probes;
-    std::uint8_t* states;
   };
   static constexpr std::size_t kBlockAlign = std::max(alignof(Storage), alignof(std::uint32_t));
   // Blocks come from allocateBlock (malloc, or a mapping of their own when
@@ -767,19 +763,18 @@ class HashMap {
   static constexpr bool kMallocBlock = kBlockAlign <= alignof(std::max_align_t);
   // Where the parts of a block of n slots start, and its size in bytes.
   struct Layout {
-    std::size_t revsAt, probesAt, statesAt, bytes;
+    std::size_t revsAt, probesAt, bytes;
   };
   static Layout layoutFor(std::size_t n) {
     std::size_t const revsAt =
         (n * sizeof(Storage) + alignof(std::uint32_t) - 1) & ~(alignof(std::uint32_t) - 1);
     std::size_t const probesAt = revsAt + n * sizeof(std::uint32_t);
-    std::size_t const statesAt = probesAt + n * sizeof(std::uint16_t);
-    return {revsAt, probesAt, statesAt, statesAt + n};
+    return {revsAt, probesAt, probesAt + n * sizeof(std::uint16_t)};
   }
   static Table tableAt(void* block, Layout const& l) {
     auto* bytes = static_cast<unsigned char*>(block);
     return {block, reinterpret_cast<Storage*>(bytes), reinterpret_cast<std::uint32_t*>(bytes + l.revsAt),
-            reinterpret_cast<std::uint16_t*>(bytes + l.probesAt), bytes + l.statesAt};
+            reinterpret_cast<std::uint16_t*>(bytes + l.probesAt)};
   }
   // A block for n slots; with `clear`, every slot empty and the last the
   // sentinel (else the caller writes each slot once).
@@ -795,14 +790,13 @@ class HashMap {
     Table const t = tableAt(block, l);
     if (clear) {
       clearSlots(t, 0, n);
-      t.states[n - 1] = kEnd;
+      t.probes[n - 1] = kEndProbe;
     }
     return t;
   }
   static void clearSlots(Table const& t, std::size_t from, std::size_t to) {
     std::fill(t.revs + from, t.revs + to, kNoRev);
     std::fill(t.probes + from, t.probes + to, kNoProbe);
-    std::memset(t.states + from, kEmpty, to - from);
   }
   // Frees the block of a table of n slots.
   static void deallocate(void* block, std::size_t n) {
@@ -843,7 +837,7 @@ class HashMap {
       marks.reserve(size_ / kGrowChunk + 1);
       std::size_t next = 0, count = 0;
       for (std::size_t i = firstHint_; i < limit_; ++i) {
-        if (states_[i] != kFull) continue;
+        if (!isFull(i)) continue;
         std::size_t const at = std::max(static_cast<std::size_t>(placeWith(revs_[i]) >> 8), next);
         if (count++ % kGrowChunk == 0) marks.emplace_back(i, at);
         next = at + 1;
@@ -852,26 +846,24 @@ class HashMap {
       if (next > main) overflow = std::max(overflow, (next - main) * 2);
       std::size_t const limit = main + overflow;
       Layout const was = layoutFor(limit_ + 1), will = layoutFor(limit + 1);
-      // The old reversed hashes and states are copied out first, beyond the
+      // The old reversed hashes and probe words are copied out first, beyond the
       // old block, before members spread over where they were.
       if (will.revsAt < was.bytes) return false;
       void* const block = reallocateBlock(members_, was.bytes, will.bytes);
       Table const t = tableAt(block, will);
       auto* const bytes = static_cast<unsigned char*>(block);
       std::memcpy(t.revs, bytes + was.revsAt, (limit_ + 1) * sizeof(std::uint32_t));
-      std::memcpy(t.states, bytes + was.statesAt, limit_ + 1);
+      std::memcpy(t.probes, bytes + was.probesAt, (limit_ + 1) * sizeof(std::uint16_t));
       std::size_t const oldLimit = limit_;
       members_ = t.members;
       revs_ = t.revs;
       probes_ = t.probes;
-      states_ = t.states;
       scale_ = scale;
       bits_ = bits;
       overflow_ = static_cast<std::uint32_t>(overflow);
       limit_ = limit;
       revs_[limit] = kNoRev;
-      probes_[limit] = kNoProbe;
-      states_[limit] = kEnd;
+      probes_[limit] = kEndProbe;
       std::size_t high = limit;  // slots from here on are written
       struct Move {
         std::size_t from, to;
@@ -883,7 +875,7 @@ class HashMap {
         std::size_t m = 0;
         next = marks[c].second;
         for (std::size_t i = marks[c].first; i < stop; ++i) {
-          if (states_[i] != kFull) continue;
+          if (!isFull(i)) continue;
           std::uint64_t const place = placeWith(revs_[i]);
           std::size_t const at = std::max(static_cast<std::size_t>(place >> 8), next);
           chunk[m++] = {i, at, place};
@@ -896,7 +888,6 @@ class HashMap {
           if (to != from) std::memcpy(members_[to].bytes, members_[from].bytes, sizeof(Storage));
           revs_[to] = rev;
           probes_[to] = probeWordAt(to, place);
-          states_[to] = kFull;
           high = to;
         }
       }
@@ -916,7 +907,7 @@ class HashMap {
     std::size_t const main = std::size_t(1) << bits;
     Storage* const oldMembers = members_;
     std::uint32_t* const oldRevs = revs_;
-    std::uint8_t* const oldStates = states_;
+    std::uint16_t* const oldProbes = probes_;
     std::size_t const oldLimit = limit_;
     if (size_ == 0) {
       lo = 0;
@@ -930,7 +921,7 @@ class HashMap {
     std::size_t next = 0;
     std::size_t first = kEndIdx;
     for (std::size_t i = 0; i < oldLimit; ++i) {
-      if (oldStates[i] != kFull) continue;
+      if (oldProbes[i] >= kEndProbe) continue;
       std::uint32_t const rev = oldRevs[i];
       std::uint64_t const place = placeOf(rev);
       std::size_t const at = std::max(static_cast<std::size_t>(place >> 8), next);
@@ -948,17 +939,15 @@ class HashMap {
       std::destroy_at(&member(i));
       fresh.revs[at] = rev;
       fresh.probes[at] = probeWordAt(at, place);
-      fresh.states[at] = kFull;
       if (first == kEndIdx) first = at;
       next = at + 1;
     }
     clearSlots(fresh, next, main + overflow + 1);
-    fresh.states[main + overflow] = kEnd;
+    fresh.probes[main + overflow] = kEndProbe;
     if (oldMembers) deallocate(oldMembers, oldLimit + 1);
     members_ = fresh.members;
     revs_ = fresh.revs;
     probes_ = fresh.probes;
-    states_ = fresh.states;
     bits_ = bits;
     overflow_ = static_cast<std::uint32_t>(overflow);
     limit_ = main + overflow;
@@ -969,9 +958,8 @@ class HashMap {
   static void moveSlots(Table const& from, Table const& to, std::size_t n) {
     std::memcpy(to.revs, from.revs, n * sizeof(std::uint32_t));
     std::memcpy(to.probes, from.probes, n * sizeof(std::uint16_t));
-    std::memcpy(to.states, from.states, n);
     for (std::size_t i = 0; i < n; ++i) {
-      if (from.states[i] != kFull) continue;
+      if (from.probes[i] >= kEndProbe) continue;
       auto* m = std::launder(reinterpret_cast<Member*>(from.members[i].bytes));
       ::new (static_cast<void*>(to.members[i].bytes)) Member(std::move(*m));
       std::destroy_at(m);
@@ -984,15 +972,14 @@ class HashMap {
     std::size_t i = 0;
     try {
       for (; i < o.limit_; ++i) {
-        if (o.states_[i] != kFull) continue;
+        if (!o.isFull(i)) continue;
         ::new (static_cast<void*>(t.members[i].bytes)) Member(o.member(i));
         t.revs[i] = o.revs_[i];
         t.probes[i] = o.probes_[i];
-        t.states[i] = kFull;
       }
     } catch (...) {
       for (std::size_t j = 0; j < i; ++j) {
-        if (t.states[j] == kFull)
+        if (t.probes[j] < kEndProbe)
           std::destroy_at(std::launder(reinterpret_cast<Member*>(t.members[j].bytes)));
       }
       deallocate(t.block, o.limit_ + 1);
@@ -1001,7 +988,6 @@ class HashMap {
     members_ = t.members;
     revs_ = t.revs;
     probes_ = t.probes;
-    states_ = t.states;
     size_ = o.size_;
     limit_ = o.limit_;
     overflow_ = o.overflow_;
@@ -1018,7 +1004,6 @@ class HashMap {
     members_ = std::exchange(o.members_, nullptr);
     revs_ = std::exchange(o.revs_, nullptr);
     probes_ = std::exchange(o.probes_, nullptr);
-    states_ = std::exchange(o.states_, nullptr);
     size_ = std::exchange(o.size_, 0);
     limit_ = std::exchange(o.limit_, 0);
     overflow_ = std::exchange(o.overflow_, 0);
@@ -1035,14 +1020,13 @@ class HashMap {
     if (!members_) return;
     if constexpr (!std::is_trivially_destructible_v<Member>) {
       for (std::size_t i = 0; i < limit_; ++i) {
-        if (states_[i] == kFull) std::destroy_at(&member(i));
+        if (isFull(i)) std::destroy_at(&member(i));
       }
     }
     deallocate(members_, limit_ + 1);
     members_ = nullptr;
     revs_ = nullptr;
     probes_ = nullptr;
-    states_ = nullptr;
     size_ = 0;
     limit_ = 0;
     overflow_ = 0;
@@ -1056,8 +1040,7 @@ class HashMap {
 
   Storage* members_ = nullptr;       // starts the table's block: limit_ + 1 slots, the last the sentinel
   std::uint32_t* revs_ = nullptr;    // reversed hash per slot, kNoRev when empty
-  std::uint16_t* probes_ = nullptr;  // probe word per slot, kNoProbe when empty
-  std::uint8_t* states_ = nullptr;   // kEmpty, kFull, kEnd
+  std::uint16_t* probes_ = nullptr;  // probe word per slot, kNoProbe when empty, kEndProbe for the sentinel
   std::size_t size_ = 0;
   std::size_t limit_ = 0;              // main area plus overflow area
   mutable std::size_t firstHint_ = 0;  // no member sits before this slot
