@@ -258,11 +258,24 @@ class ValueSet {
   // From operator new, not the small-block pool: sets are rebuilt all the
   // time (a FIB review makes a new via set per tunnel), and blocks taken from
   // malloc's tidier heap made those reviews faster than scattered pooled ones.
+  // The aligned forms only when needed: they end in memalign, which is
+  // slower than malloc and splits free chunks.
+  static constexpr bool kOverAligned = alignof(K) > __STDCPP_DEFAULT_NEW_ALIGNMENT__;
   static K* allocateSmall(std::uint32_t cap) {
-    return static_cast<K*>(::operator new(blockBytes(cap), std::align_val_t(alignof(K))));
+    if constexpr (kOverAligned) {
+      return static_cast<K*>(::operator new(blockBytes(cap), std::align_val_t(alignof(K))));
+    } else {
+      return static_cast<K*>(::operator new(blockBytes(cap)));
+    }
   }
   // Unsized delete: not every compiler we build with enables sized deallocation.
-  static void deallocateSmall(K* items) { ::operator delete(items, std::align_val_t(alignof(K))); }
+  static void deallocateSmall(K* items) {
+    if constexpr (kOverAligned) {
+      ::operator delete(items, std::align_val_t(alignof(K)));
+    } else {
+      ::operator delete(items);
+    }
+  }
   Map* map() const noexcept { return static_cast<Map*>(rep_.block); }
   static std::uint32_t revOf(K const& k) { return bitReverse32(static_cast<std::uint32_t>(H()(k))); }
 
