@@ -16,6 +16,7 @@
 
 #include "framework/Skein/Trace.h"
 #include "framework/Vela/Exception.h"
+#include "tools/HugePageHeap.h"
 #include "tools/tunnel-agent/Commands.h"
 
 namespace {
@@ -50,6 +51,7 @@ std::string viewHelp() {
 
 int main(int argc, char** argv) {
   using namespace Tunnel::Tool;
+  runWithHugePageHeap(argv);
   Vela::assertionHandlerIs(reportAssertion);
   bool const terminal = isatty(STDERR_FILENO) != 0;
 
