@@ -542,7 +542,9 @@ void MplsTunnelFibSm::drainTunnelBacklog() {
       readAheadNear = true;
     }
     if (untilReadAhead == 0) {
-      auto ahead = it;
+      // A fresh iterator: g++ 12 wrongly takes a copy of `it` for one whose
+      // key may be uninitialized.
+      auto ahead = tunnelForReview_.iterFrom(it.key());
       for (std::uint64_t i = 0; i < 2 * kReadAhead && !(ahead == tunnelForReview_.end()); ++i, ++ahead) {
         if (readAheadNear || i >= kReadAhead) prefetchReview(ahead.key());
       }

@@ -85,10 +85,16 @@ concept LessComparable = requires(K const& a, K const& b) {
 
 template <class K, class V, class H = Hash<K>, class Eq = std::equal_to<K>>
 class HashMap {
-  struct Member {
+  struct ValuedMember {
     K key;
     V value;
   };
+  // An empty value (a set's) takes no room.
+  struct KeyOnlyMember {
+    K key;
+    [[no_unique_address]] V value;
+  };
+  using Member = std::conditional_t<std::is_empty_v<V>, KeyOnlyMember, ValuedMember>;
 
   struct Storage {
     alignas(Member) unsigned char bytes[sizeof(Member)];

@@ -55,7 +55,9 @@ class ValueSet {
   using key_type = K;
   using value_type = K;
   using size_type = std::size_t;
-  using Map = HashMap<K, bool, H, Eq>;
+  // The members of a large set; membership is all they carry.
+  struct Present {};
+  using Map = HashMap<K, Present, H, Eq>;
 
   // The largest set kept in the small array.
   static constexpr std::uint32_t kSmallMax = 8;
@@ -146,14 +148,14 @@ class ValueSet {
   // Adds k; returns whether it was absent.
   bool insert(K const& k) {
     if (isLarge()) {
-      if (!map()->tryEmplace(k, true).second) return false;
+      if (!map()->tryEmplace(k).second) return false;
       ++size_;
       return true;
     }
     if (findSmall(k)) return false;
     if (size_ == kSmallMax) {
       toLarge();
-      map()->tryEmplace(k, true);
+      map()->tryEmplace(k);
       ++size_;
       return true;
     }
@@ -338,7 +340,7 @@ class ValueSet {
 
   void toLarge() {
     auto fresh = std::make_unique<Map>();
-    for (K const* p = small(); p != small() + size_; ++p) fresh->tryEmplace(*p, true);
+    for (K const* p = small(); p != small() + size_; ++p) fresh->tryEmplace(*p);
     std::uint32_t const n = size_;
     release();
     rep_.block = fresh.release();
