@@ -32,10 +32,12 @@
 // scan. The range starts as all 32-bit values (the home is then the top bits
 // of the reversed hash). Members that crowd into a narrow part of it, as when
 // keys arrive in iteration order (copying a map, filling a backlog from
-// another map's iteration), would make long runs, so when a change has to
-// probe far the range is refitted to the members, leaving room above them (or
-// below, when they arrive in descending order), and the table is rebuilt in
-// one pass. Each slot has parallel parts: the member, stored inline; its
+// another map's iteration, a FIB written in review order), would make long
+// runs, so when changes keep probing far the range is refitted to the
+// members, leaving room above them (or below, when they arrive in descending
+// order), and the table is rebuilt in one pass; how far changes probed in all
+// decides when, so that rebuilds never cost more than the probing they spare.
+// Each slot has parallel parts: the member, stored inline; its
 // reversed hash; and a 2-byte probe word holding the member's distance from
 // its home and the next 8 bits of its interpolated position, which orders it
 // against a looked-up key with one compare, so a lookup reads only probe
@@ -119,7 +121,8 @@ class HashMap {
   // range, once the map has at least kMinRefitSize members.
   static constexpr std::size_t kRefitProbe = 48;
   static constexpr std::size_t kMinRefitSize = 32;
-  static constexpr std::size_t kRefitTrim = 8;  // members left out at each end when refitting
+  static constexpr std::size_t kRefitTrim = 8;       // members left out at each end when refitting
+  static constexpr std::uint32_t kMaxRoomShift = 2;  // refit tables at most 4x the usual size
   static constexpr bool kOrderedTies = internal::LessComparable<K>;
   // Members that may be moved as bytes (see Relocatable.h).
   static constexpr bool kBytewiseMember = kTriviallyRelocatable<K> && kTriviallyRelocatable<V>;
@@ -281,7 +284,9 @@ class HashMap {
     swap(lo_, o.lo_);
     swap(range_, o.range_);
     swap(scale_, o.scale_);
+    swap(refitDebt_, o.refitDebt_);
     swap(refitSize_, o.refitSize_);
+    swap(roomShift_, o.roomShift_);
     swap(hash_, o.hash_);
     swap(eq_, o.eq_);
     // Both maps changed under their iterators.
@@ -624,7 +629,8 @@ class HashMap {
       idx = locate(fresh.key, rev).idx;
     }
     std::size_t end = runEnd(idx);
-    if (end - homeOf(rev) > kRefitProbe && refit(true, rev, bits_, true)) {
+    if (crowded(end - homeOf(rev), rev < lo_ || std::uint64_t(rev) > std::uint64_t(lo_) + range_) &&
+        refit(true, rev, bits_)) {
       idx = locate(fresh.key, rev).idx;
       end = runEnd(idx);
     }
@@ -664,38 +670,37 @@ class HashMap {
       lo_ = 0;
       range_ = kFullRange;
       scale_ = scaleFor(bits_, range_);
+      refitDebt_ = 0;
       refitSize_ = 0;
+      roomShift_ = 0;
     }
     if (bits_ > kMinBits && size_ * 16 < (std::size_t(1) << bits_)) {
       std::uint32_t const bits = std::max(bitsFor(size_ * 2), bitsFor(reserved_));
       if (bits < bits_) {
         // The members left may sit in a narrow part of the range (a backlog
         // drained from the front): refit it rather than crowd them together.
-        if (!refit(false, 0, bits, false)) rebuild(bits, 0, lo_, range_);
+        if (!refit(false, 0, bits)) rebuild(bits, 0, lo_, range_);
         return true;
       }
     }
-    return end - idx > kRefitProbe && refit(false, 0, bits_, true);
+    return crowded(end - idx, false) && refit(false, 0, bits_);
   }
 
   // Refits the range to the members (and rev, when pending: a member about to
-  // be inserted) when they sit outside it or in less than half of it, and
-  // rebuilds the table with at least minBits: the members then take a share
-  // of the new range in which they are at most 0.8 (and, when the table has
-  // room, 0.5) to a slot, leaving the rest for members still to come beyond
-  // them, above unless rev is a new lowest. Returns whether it rebuilt. Once
-  // tried (guarded), it is not tried again until the size changed by half.
-  bool refit(bool pending, std::uint32_t rev, std::uint32_t minBits, bool guarded) {
+  // be inserted) and rebuilds the table with at least minBits: the members
+  // then take a share of the new range in which they are at most 0.8 (and,
+  // when the table has room, 0.5) to a slot, leaving the rest for members
+  // still to come beyond them, above unless rev is a new lowest. Returns
+  // whether it rebuilt: not when all members share one reversed hash, which
+  // no range spreads.
+  bool refit(bool pending, std::uint32_t rev, std::uint32_t minBits) {
     if (size_ < kMinRefitSize) return false;
-    if (guarded && refitSize_ != 0 && size_ * 2 < refitSize_ * 3 && size_ * 3 > refitSize_ * 2) return false;
-    if (guarded) refitSize_ = static_cast<std::uint32_t>(std::min<std::size_t>(size_, 0xFFFFFFFFu));
-    // The members' extent, leaving out a few at each end: stragglers (a
-    // member queued again behind a drained backlog) should not keep the bulk
-    // crowded. Left out below the new range, they share its first slots.
+    // The members' extent, leaving out a few at each end when the bulk lies
+    // in less than half of it: stragglers (a member queued again behind a
+    // drained backlog) should not keep the bulk crowded. Left out below the
+    // new range, they share its first slots.
     std::size_t low = firstFull(), high = limit_ - 1;
     while (!isFull(high)) --high;
-    bool const outside = revs_[low] < lo_ || std::uint64_t(revs_[high]) > std::uint64_t(lo_) + range_ ||
-                         (pending && (rev < lo_ || std::uint64_t(rev) > std::uint64_t(lo_) + range_));
     std::uint32_t const first = revs_[low], top = revs_[high];
     for (std::size_t skip = 0; skip < kRefitTrim; ++skip) {
       low = nextFull(low + 1);
@@ -703,17 +708,30 @@ class HashMap {
       while (!isFull(high));
     }
     std::uint32_t lo = revs_[low], hi = revs_[high];
+    if ((std::uint64_t(hi) - lo) * 2 >= std::uint64_t(top) - first) {
+      lo = first;
+      hi = top;
+    }
     if (pending) {
       lo = std::min(lo, rev);
       hi = std::max(hi, rev);
     }
     std::uint64_t const width = hi - lo;
-    if (width == 0 || (!outside && width * 2 > range_)) return false;
+    if (width == 0) return false;
     std::size_t const n = size_ + (pending ? 1 : 0);
-    std::uint32_t const bits = std::max(minBits, bitsFor(2 * n));
+    std::uint32_t const fit = std::max(minBits, bitsFor(2 * n));
     // Members at 0.5 to a slot over the table, or over its first half when
     // that makes them denser (up to 0.8, as bitsFor(2n) holds 2.5n).
-    std::uint64_t range = std::max(2 * width, width * (std::uint64_t(1) << bits) / (2 * n));
+    std::uint64_t range = std::max(2 * width, width * (std::uint64_t(1) << fit) / (2 * n));
+    // The room left beyond the members takes new ones as densely as they
+    // came so far. When they come faster (a FIB filled in review order gains
+    // entries faster as more of the tunnels they ride on are resolved), the
+    // room crowds before the map has grown by a quarter; then each such
+    // refit in a row doubles the slots over the same range.
+    bool const soon = pending && refitSize_ != 0 && n > refitSize_ && n < refitSize_ + refitSize_ / 4;
+    roomShift_ = soon ? std::min(roomShift_ + 1, kMaxRoomShift) : 0;
+    refitSize_ = static_cast<std::uint32_t>(std::min<std::size_t>(n, 0xFFFFFFFFu));
+    std::uint32_t const bits = fit + roomShift_;
     if (pending && rev < first) {
       // Arriving in descending order: room below, none left out above.
       hi = top;
@@ -723,6 +741,24 @@ class HashMap {
       range = std::min<std::uint64_t>(range, kFullRange - lo);
     }
     rebuild(bits, 0, lo, static_cast<std::uint32_t>(range));
+    return true;
+  }
+
+  // Whether a change that probed `distance` slots from a home should try a
+  // refit. Long probes are added up, and a refit is tried once they come to
+  // the size of the map, so that the rebuilds cost no more than the probing
+  // they spare, whatever the pattern of changes (a member whose hash crowds
+  // with others, which no refit mends, costs a cheap attempt now and then).
+  // A member arriving beyond the range (`beyond`) is placed in the table's
+  // last slots, where every further one probes to the end of the run, so it
+  // tries a refit at once when the map has grown or shrunk by an eighth
+  // since the last one.
+  bool crowded(std::size_t distance, bool beyond) {
+    if (distance <= kRefitProbe) return false;
+    refitDebt_ += distance;
+    bool const changed = size_ * 8 > std::size_t(refitSize_) * 9 || size_ * 9 < std::size_t(refitSize_) * 8;
+    if (refitDebt_ < size_ && !(beyond && changed)) return false;
+    refitDebt_ = 0;
     return true;
   }
 
@@ -1003,7 +1039,6 @@ class HashMap {
     lo_ = o.lo_;
     range_ = o.range_;
     scale_ = o.scale_;
-    refitSize_ = o.refitSize_;
   }
 
   void steal(HashMap& o) noexcept {
@@ -1019,7 +1054,9 @@ class HashMap {
     lo_ = std::exchange(o.lo_, 0);
     range_ = std::exchange(o.range_, kFullRange);
     scale_ = std::exchange(o.scale_, 0);
+    refitDebt_ = std::exchange(o.refitDebt_, 0);
     refitSize_ = std::exchange(o.refitSize_, 0);
+    roomShift_ = std::exchange(o.roomShift_, 0);
   }
 
   void release() noexcept {
@@ -1041,7 +1078,9 @@ class HashMap {
     lo_ = 0;
     range_ = kFullRange;
     scale_ = 0;
+    refitDebt_ = 0;
     refitSize_ = 0;
+    roomShift_ = 0;
   }
 
   Storage* members_ = nullptr;       // starts the table's block: limit_ + 1 slots, the last the sentinel
@@ -1051,10 +1090,12 @@ class HashMap {
   std::size_t limit_ = 0;              // main area plus overflow area
   mutable std::size_t firstHint_ = 0;  // no member sits before this slot
   std::size_t reserved_ = 0;
-  std::uint64_t epoch_ = 0;  // bumped by every change that moves members
-  std::uint64_t scale_ = 0;  // scaleFor(bits_, range_)
+  std::uint64_t epoch_ = 0;    // bumped by every change that moves members
+  std::size_t refitDebt_ = 0;  // long probes since a refit was last tried (crowded())
+  std::uint64_t scale_ = 0;    // scaleFor(bits_, range_)
   std::uint32_t overflow_ = 0;
-  std::uint32_t refitSize_ = 0;  // size at the last guarded refit (0: none since empty)
+  std::uint32_t refitSize_ = 0;  // members at the last refit (0: none since empty)
+  std::uint32_t roomShift_ = 0;  // extra bits of the last refit's table
   std::uint32_t bits_ = 0;       // main area is 2^bits_ slots (0: no table)
   std::uint32_t lo_ = 0;         // the range homes are interpolated over: [lo_, lo_ + range_]
   std::uint32_t range_ = kFullRange;

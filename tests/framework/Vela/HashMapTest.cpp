@@ -476,6 +476,50 @@ TEST(HashMapTest, KeysArrivingInOrderKeepProbesShort) {
   EXPECT_EQ(keysOf(down), std::vector<Id>(keys.begin() + 150000, keys.end()));
 }
 
+// A FIB filled in review order: a first pass in order whose members come
+// ever more densely (more of the tunnels they ride on are resolved as it
+// goes), starting a little way in, then a pass over the rest from the front.
+TEST(HashMapTest, KeysArrivingInOrderEverFasterAndAgainFromTheFrontKeepProbesShort) {
+  std::size_t const n = 200000;
+  std::vector<Id> const keys = keysInOrder(n);
+  std::size_t const start = n / 500;
+  auto const inFirstPass = [n, start](std::size_t i) {
+    std::size_t const done = (i + n - start) % n;  // how far the pass has come
+    return (i * 7919) % n < done;
+  };
+  Vela::HashMap<Id, int> m;
+  std::size_t worst = 0, inserted = 0;
+  auto const insert = [&](std::size_t i) {
+    m.insertOrAssign(keys[i], 0);
+    if (++inserted % 2048 == 0) worst = std::max(worst, m.maxProbeDistance());
+  };
+  for (std::size_t k = 0; k < n; ++k) {
+    if (std::size_t const i = (start + k) % n; inFirstPass(i)) insert(i);
+  }
+  for (std::size_t i = 0; i < n; ++i) {
+    if (!inFirstPass(i)) insert(i);
+  }
+  worst = std::max(worst, m.maxProbeDistance());
+  EXPECT_LE(worst, 128u);
+  EXPECT_EQ(keysOf(m), keys);
+}
+
+// A window of members sliding through the order at constant size: the
+// range must follow it although the size never changes.
+TEST(HashMapTest, WindowSlidingThroughTheOrderKeepsProbesShort) {
+  std::vector<Id> const keys = keysInOrder(200000);
+  std::size_t const window = 20000;
+  Vela::HashMap<Id, int> m;
+  std::size_t worst = 0;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    m.insertOrAssign(keys[i], 0);
+    if (i >= window) m.erase(keys[i - window]);
+    if (i % 2048 == 0) worst = std::max(worst, m.maxProbeDistance());
+  }
+  EXPECT_LE(worst, 128u);
+  EXPECT_EQ(keysOf(m), std::vector<Id>(keys.end() - window, keys.end()));
+}
+
 TEST(HashMapTest, BacklogFilledInOrderDrainsFromTheFrontWithShortProbes) {
   std::vector<Id> const keys = keysInOrder(200000);
   Vela::HashMap<Id, int> backlog;
