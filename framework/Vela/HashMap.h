@@ -355,12 +355,10 @@ class HashMap {
   // Inserts or overwrites; returns whether k was inserted.
   template <class M>
   bool insertOrAssign(K const& k, M&& v) {
-    if (std::size_t const i = findIdx(k); i != kEndIdx) {
-      member(i).value = std::forward<M>(v);
-      return false;
-    }
-    emplace(k, std::forward<M>(v));
-    return true;
+    // One probe: emplace leaves v alone when k is present.
+    auto const [i, inserted] = emplace(k, std::forward<M>(v));
+    if (!inserted) member(i).value = std::forward<M>(v);
+    return inserted;
   }
 
   bool erase(K const& k) {
