@@ -32,7 +32,7 @@
 // scan. The range starts as all 32-bit values (the home is then the top bits
 // of the reversed hash). Members that crowd into a narrow part of it, as when
 // keys arrive in iteration order (copying a map, filling a backlog from
-// another map's iteration, a FIB written in review order), would make long
+// another map's iteration, a table written as a backlog is worked off), would make long
 // runs, so when changes keep probing far the range is refitted to the
 // members, leaving room above them (or below, when they arrive in descending
 // order), and the table is rebuilt in one pass; how far changes probed in all
@@ -722,10 +722,10 @@ class HashMap {
     // that makes them denser (up to 0.8, as bitsFor(2n) holds 2.5n).
     std::uint64_t range = std::max(2 * width, width * (std::uint64_t(1) << fit) / (2 * n));
     // The room left beyond the members takes new ones as densely as they
-    // came so far. When they come faster (a FIB filled in review order gains
-    // entries faster as more of the tunnels they ride on are resolved), the
-    // room crowds before the map has grown by a quarter; then each such
-    // refit in a row doubles the slots over the same range.
+    // came so far. When they come faster (keys written in order by work
+    // that succeeds more often as it goes on), the room crowds before the
+    // map has grown by a quarter; then each such refit in a row doubles the
+    // slots over the same range.
     bool const soon = pending && refitSize_ != 0 && n > refitSize_ && n < refitSize_ + refitSize_ / 4;
     roomShift_ = soon ? std::min(roomShift_ + 1, kMaxRoomShift) : 0;
     refitSize_ = static_cast<std::uint32_t>(std::min<std::size_t>(n, 0xFFFFFFFFu));
