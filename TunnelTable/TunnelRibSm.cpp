@@ -293,6 +293,12 @@ bool TunnelRibSm::skipUnprogrammable(std::string_view fn, TunnelId const& id) co
 void TunnelRibSm::enterOrWithdraw(TunnelId const& id, TunnelTableEntry const* entry) {
   if (entry) {
     Nimbo::IpGenPrefix const tep = entry->tep();
+    // Entering a tunnel touches a slot in each of these maps, far apart in
+    // memory: ask for all of them now rather than one after the other.
+    tunnelIdToTep_.prefetch(id);
+    protoTunnelRib(id.tunnelType()).entrys().map().prefetch(tep);
+    tunnelRib_->entrys().map().prefetch(tep);
+    if (id.tunnelType() == TunnelType::bgpLuTunnel) tunRibMetricTunId_.prefetch(tep);
     doUpdateLocalCollectionsAndTunnelRib(id, tep, true);
   } else {
     // Absent, or no longer contributing: withdrawn under the TEP it was entered with.

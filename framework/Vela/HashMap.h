@@ -72,6 +72,7 @@
 #include "framework/Vela/Exception.h"
 #include "framework/Vela/Hash.h"
 #include "framework/Vela/LargeBlock.h"
+#include "framework/Vela/Prefetch.h"
 #include "framework/Vela/Relocatable.h"
 
 namespace Vela {
@@ -325,6 +326,17 @@ class HashMap {
   }
 
   bool contains(K const& k) const { return findIdx(k) != kEndIdx; }
+
+  // Starts loading the slot a lookup or an insertion of k begins at, so that
+  // the loads of several maps about to be used overlap instead of waiting in
+  // turn. Only a hint: the map is unchanged.
+  void prefetch(K const& k) const noexcept {
+    if (size_ == 0) return;
+    std::size_t const i = homeOf(revOf(k));
+    Vela::prefetch(&probes_[i]);
+    Vela::prefetch(&revs_[i]);
+    Vela::prefetch(&members_[i]);
+  }
 
   V* lookup(K const& k) {
     std::size_t const i = findIdx(k);
