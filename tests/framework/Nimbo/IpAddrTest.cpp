@@ -316,6 +316,14 @@ TEST(IpGenPrefixTest, RandomRoundTripsAndHashAgreesWithEquality) {
   }
 }
 
+// The values are fixed: they order vias, and so every FIB listing.
+TEST(IpGenPrefixTest, HashValuesAreFixed) {
+  EXPECT_EQ(IpGenAddr("10.1.1.2").hash(), 0xe86b2354u);
+  EXPECT_EQ(IpGenAddr("2001:db8::1").hash(), 0x99aea4a2u);
+  EXPECT_EQ(IpGenPrefix("192.168.1.1/32").hash(), 0x7b0815d0u);
+  EXPECT_EQ(IpGenPrefix("2001:db8::/32").hash(), 0xa52f40a8u);
+}
+
 TEST(IpGenPrefixTest, HashSeparatesFamiliesAndLengths) {
   EXPECT_NE(IpGenAddr().hash(), IpGenAddr("0.0.0.0").hash());
   EXPECT_NE(IpGenAddr("0.0.0.0").hash(), IpGenAddr("::").hash());
