@@ -87,6 +87,8 @@ std::vector<std::uint32_t> MplsLabelOperation::labels() const {
 
 std::uint32_t MplsLabelOperation::hash() const {
   std::uint32_t h = Vela::mix32((std::uint32_t(static_cast<std::uint8_t>(operation_)) << 8) | stackSize_);
+  // Unrolled: every via placed in a set hashes its labels.
+#pragma GCC unroll 8
   for (auto l : label_) h = Vela::hashCombine(h, Vela::mix32(l));
   return h;
 }
