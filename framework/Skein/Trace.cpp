@@ -7,7 +7,7 @@
 namespace Skein {
 
 Handle::Handle() {
-  if (char const* env = std::getenv("SKEIN_TRACE_LEVEL")) level_ = std::atoi(env);
+  if (char const* env = std::getenv("SKEIN_TRACE_LEVEL")) detail::level = std::atoi(env);
 }
 
 Sink* Handle::sinkIs(Sink* sink) {
@@ -42,6 +42,12 @@ Handle& defaultHandle() {
   static Handle handle;
   return handle;
 }
+
+namespace {
+// Made at start-up, so that the level from the environment is in force
+// before the first trace point reads it.
+[[maybe_unused]] Handle const& startupHandle = defaultHandle();
+}  // namespace
 
 CaptureSink::CaptureSink(int level)
     : previousSink_(defaultHandle().sinkIs(this)), previousLevel_(defaultHandle().level()) {

@@ -34,13 +34,20 @@ class Sink {
   virtual void write(int level, std::string_view text) = 0;
 };
 
+namespace detail {
+// The trace level. There is one handle, so the level is the process's; it is
+// kept apart from the handle so that a trace point reads it with one load,
+// without a call or a check that the handle is made.
+inline constinit int level = 0;
+}  // namespace detail
+
 // The trace handle: a level and where the lines go.
 class Handle {
  public:
   Handle();
-  bool enabled(int level) const { return level <= level_; }
-  int level() const { return level_; }
-  void levelIs(int level) { level_ = level; }
+  bool enabled(int level) const { return level <= detail::level; }
+  int level() const { return detail::level; }
+  void levelIs(int level) { detail::level = level; }
   // Lines go to this sink (null: standard error). Returns the previous one.
   Sink* sinkIs(Sink* sink);
   void write(int level, std::string_view text);
@@ -51,7 +58,6 @@ class Handle {
   void ringCapacityIs(std::size_t n);
 
  private:
-  int level_ = 0;
   Sink* sink_ = nullptr;
   std::deque<std::string> ring_;
   std::size_t ringCapacity_ = 256;
@@ -59,7 +65,7 @@ class Handle {
 
 Handle& defaultHandle();
 
-inline bool enabled(int level) { return defaultHandle().enabled(level); }
+inline bool enabled(int level) { return level <= detail::level; }
 inline void levelIs(int level) { defaultHandle().levelIs(level); }
 inline void ring(std::string_view text) { defaultHandle().ring(text); }
 
