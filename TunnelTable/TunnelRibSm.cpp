@@ -296,7 +296,11 @@ void TunnelRibSm::enterOrWithdraw(TunnelId const& id, TunnelTableEntry const* en
     // Entering a tunnel touches a slot in each of these maps, far apart in
     // memory: ask for all of them now rather than one after the other.
     tunnelIdToTep_.prefetch(id);
-    protoTunnelRib(id.tunnelType()).entrys().map().prefetch(tep);
+    // Not through protoTunnelRib(), which traces and raises: a hint must not.
+    if (auto const wrapper =
+            protoTunnelRibColl_ ? protoTunnelRibColl_->protocolTunnelRib(id.tunnelType()) : nullptr) {
+      if (TunnelRib const* protoRib = wrapper->tunnelRib().get()) protoRib->entrys().map().prefetch(tep);
+    }
     tunnelRib_->entrys().map().prefetch(tep);
     if (id.tunnelType() == TunnelType::bgpLuTunnel) tunRibMetricTunId_.prefetch(tep);
     doUpdateLocalCollectionsAndTunnelRib(id, tep, true);

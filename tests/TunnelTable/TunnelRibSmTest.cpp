@@ -146,6 +146,39 @@ class TunnelRibSmTest : public ::testing::Test {
 
 // --- selection between protocols ---------------------------------------------------------------------
 
+// The whole trace of one tunnel entering a new TEP: each step once, in order.
+TEST_F(TunnelRibSmTest, EnteringATunnelTracesEachStepOnce) {
+  start();
+  Skein::CaptureSink cap(8);
+  addBgpLu(bgpLuId(1), prefix("10.0.0.1/32"), {10, 11, 12, 13});
+  std::vector<std::string> texts;
+  for (Skein::Line const& line : cap.lines()) texts.push_back(line.text);
+  std::string const id = str(bgpLuId(1));
+  EXPECT_EQ(
+      texts,
+      (std::vector<std::string>{
+          "void Tunnel::TunnelTable::TunnelRibSm::handleBgpLuTunnelEntry(const "
+          "Tunnel::TunnelTable::TunnelId&) tunnel ID " +
+              id,
+          "void Tunnel::TunnelTable::TunnelRibSm::doUpdateLocalCollectionsAndTunnelRib(const "
+          "Tunnel::TunnelTable::TunnelId&, const Nimbo::IpGenPrefix&, bool) for tunnel id " +
+              id + ", tep 10.0.0.1/32, add: 1",
+          "void Tunnel::TunnelTable::TunnelRibSm::assertProtoTunnelRib(Tunnel::TunnelTable::TunnelType) "
+          "const",
+          "bgpLuTunnel: adding protocol-specific TEP / tunnel ID mapping, tunnel ID " + id +
+              ", TEP 10.0.0.1/32",
+          "void Tunnel::TunnelTable::TunnelRibSm::doUpdateTunnelRibEntry(const "
+          "Tunnel::TunnelTable::TunnelId&, "
+          "const Nimbo::IpGenPrefix&, bool)",
+          "Adding Tunnel RIB entry tep: 10.0.0.1/32 id: " + id,
+          "void Tunnel::TunnelTable::TunnelRibSm::doAddTunnelId(const Tunnel::TunnelTable::TunnelId&, const "
+          "Nimbo::IpGenPrefix&)",
+          "void Tunnel::TunnelTable::TunnelRibSm::doAddTunnelId(const Tunnel::TunnelTable::TunnelId&, const "
+          "Nimbo::IpGenPrefix&) updating id: " +
+              id + ", m: 10, m2: 11, p: 12, p2: 13",
+      }));
+}
+
 TEST_F(TunnelRibSmTest, LdpWinsOverBgpLuAndWithdrawalFallsBackToAllBgpLuIds) {
   start();
   auto const tep = prefix("10.0.0.1/32");
