@@ -292,6 +292,14 @@ class ValueSet {
 
   // Inserts k (absent) into the array at its place in iteration order.
   void insertSmall(K const& k) {
+    if (size_ == 0 && isInline(cap_ == 0 ? 1 : cap_)) {
+      // The one member of an inline set has its place without its hash (a
+      // set of one id is the common case, and hashing costs more than the rest).
+      if (cap_ == 0) reallocateSmall(1);
+      std::construct_at(small(), k);
+      ++size_;
+      return;
+    }
     std::uint32_t const rev = revOf(k);
     std::uint32_t pos = 0;
     for (K const* items = small(); pos < size_; ++pos) {
