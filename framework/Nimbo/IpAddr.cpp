@@ -172,9 +172,9 @@ std::string v6Text(Ip6Addr::Bytes const& b) {
   return out;
 }
 
-// Big-endian load of eight bytes, so that hashes agree across machines.
-// Eight bytes read as a big-endian number: one load, and a byte swap on a
-// little-endian machine (a loop over the bytes took six instructions each).
+// Big-endian load of eight bytes, so that hashes agree across machines: one
+// load, and a byte swap on a little-endian machine (a loop over the bytes
+// took six instructions each).
 std::uint64_t load64(std::uint8_t const* p) {
   std::uint64_t v = 0;
   std::memcpy(&v, p, sizeof v);
