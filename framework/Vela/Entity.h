@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -35,27 +36,36 @@ namespace Vela {
 class Entity : public RefCounted {
  public:
   Name const& name() const {
-    if (!named_) {
-      name_ = nameOnDemand();
-      named_ = true;
-    }
-    return name_;
+    if (name_) return *name_;
+    if (!onDemand_) return noName();
+    name_ = std::make_unique<Name const>(nameOnDemand());
+    return *name_;
   }
   // The type name under which the state database knows this entity.
   virtual std::string_view typeName() const { return "Vela::Entity"; }
 
  protected:
-  explicit Entity(Name name = {}) : name_(std::move(name)) {}
+  explicit Entity(Name name = {}) {
+    if (!name.empty()) name_ = std::make_unique<Name const>(std::move(name));
+  }
   // For entities named after a key they hold, whose text form costs more
   // than making the entity: the name is made by nameOnDemand() when first
   // asked for, and kept.
   struct NamedOnDemand {};
-  explicit Entity(NamedOnDemand) : named_(false) {}
+  explicit Entity(NamedOnDemand) : onDemand_(true) {}
   virtual Name nameOnDemand() const { return {}; }
 
  private:
-  mutable Name name_;
-  mutable bool named_ = true;
+  static Name const& noName() {
+    static Name const none;
+    return none;
+  }
+
+  // A RIB holds millions of entities and few of them are ever asked their
+  // name, so the name is held apart and an entity without one carries only
+  // a null pointer (the flag sits in the padding after the reference count).
+  bool onDemand_ = false;
+  mutable std::unique_ptr<Name const> name_;
 };
 
 // Keeps an entity alive for the duration of a delivery that might drop the
