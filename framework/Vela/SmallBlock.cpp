@@ -27,7 +27,8 @@ constexpr std::size_t kClasses = kSmallBlockBytes / kSmallBlockGrain;
 constexpr std::size_t kChunkBytes = kLargeBlockBytes;
 
 static_assert(kSmallBlockBytes % kSmallBlockGrain == 0);
-static_assert(kSmallBlockGrain >= alignof(std::max_align_t));
+static_assert(kSmallBlockAlign >= alignof(std::max_align_t));
+static_assert(kSmallBlockAlign % kSmallBlockGrain == 0 && kSmallBlockBytes % kSmallBlockAlign == 0);
 
 std::size_t classOf(std::size_t bytes) noexcept { return bytes == 0 ? 0 : (bytes - 1) / kSmallBlockGrain; }
 std::size_t classBytes(std::size_t c) noexcept { return (c + 1) * kSmallBlockGrain; }
@@ -60,8 +61,17 @@ struct Lists {
     head[c] = b->next;
     return b;
   }
+  // Makes the rest of the chunk start on kSmallBlockAlign, giving the bytes
+  // skipped to the smallest size (chunks end aligned, so there is room).
+  void alignRest() noexcept {
+    while (reinterpret_cast<std::uintptr_t>(next) % kSmallBlockAlign != 0) {
+      push(next, 0);
+      next += kSmallBlockGrain;
+    }
+  }
   // Cuts the rest of the chunk into free blocks, largest first.
   void freeRest() noexcept {
+    alignRest();
     while (next != end) {
       std::size_t const bytes = std::min<std::size_t>(static_cast<std::size_t>(end - next), kSmallBlockBytes);
       push(next, classOf(bytes));
@@ -72,6 +82,7 @@ struct Lists {
   // rest is too small.
   void* carve(std::size_t c) {
     std::size_t const bytes = classBytes(c);
+    if (bytes % kSmallBlockAlign == 0) alignRest();
     if (static_cast<std::size_t>(end - next) < bytes) {
       auto* const chunk = static_cast<unsigned char*>(allocateBlock(kChunkBytes));
       chunkBytes.fetch_add(kChunkBytes, std::memory_order_relaxed);

@@ -39,11 +39,14 @@ inline constexpr bool kSmallBlocksPooled = true;
 
 // Blocks up to this size come from the pool; larger ones from operator new.
 inline constexpr std::size_t kSmallBlockBytes = 256;
-// Pooled blocks are sized, and aligned, in steps of this.
-inline constexpr std::size_t kSmallBlockGrain = 16;
+// Pooled blocks are sized in steps of this, and aligned to it.
+inline constexpr std::size_t kSmallBlockGrain = 8;
+// Blocks whose size is a multiple of this are aligned to it, as a type that
+// needs the alignment has such a size.
+inline constexpr std::size_t kSmallBlockAlign = 16;
 
-// A block of `bytes`, aligned for any type of that size up to
-// kSmallBlockGrain; throws std::bad_alloc when there is no memory.
+// A block of `bytes`, aligned for any type of that size (up to
+// kSmallBlockAlign); throws std::bad_alloc when there is no memory.
 void* allocateSmallBlock(std::size_t bytes);
 // Frees a block taken by allocateSmallBlock with the same `bytes` (null:
 // nothing).

@@ -20,12 +20,17 @@ TEST(SmallBlockTest, BlocksOfEverySizeAreDistinctAlignedAndCounted) {
   long long expected = 0;
   for (std::size_t bytes = 1; bytes <= Vela::kSmallBlockBytes + 40; bytes += 7) {
     void* const p = Vela::allocateSmallBlock(bytes);
-    ASSERT_TRUE(aligned(p, Vela::kSmallBlockGrain)) << bytes;
+    // Sizes of 8, 24, 40 ... bytes follow those of 16, 32 ... and back, so
+    // the pool must skip to keep the latter on 16 bytes.
+    std::size_t const rounded =
+        (bytes + Vela::kSmallBlockGrain - 1) / Vela::kSmallBlockGrain * Vela::kSmallBlockGrain;
+    ASSERT_TRUE(
+        aligned(p, rounded % Vela::kSmallBlockAlign == 0 ? Vela::kSmallBlockAlign : Vela::kSmallBlockGrain))
+        << bytes;
     std::memset(p, static_cast<int>(bytes), bytes);
     blocks.emplace_back(p, bytes);
     if (bytes <= Vela::kSmallBlockBytes) {
-      expected += static_cast<long long>((bytes + Vela::kSmallBlockGrain - 1) / Vela::kSmallBlockGrain *
-                                         Vela::kSmallBlockGrain);
+      expected += static_cast<long long>(rounded);
     }
   }
   // No block overlaps another: each still holds its own fill.
@@ -47,7 +52,7 @@ TEST(SmallBlockTest, FreedBlockServesTheNextOfItsSizeOnly) {
   Vela::freeSmallBlock(a, 40);
   void* const other = Vela::allocateSmallBlock(64);
   EXPECT_NE(other, a);
-  // 33 to 48 bytes share a size.
+  // 33 to 40 bytes share a size.
   void* const again = Vela::allocateSmallBlock(33);
   EXPECT_EQ(again, a);
   Vela::freeSmallBlock(other, 64);
@@ -65,6 +70,10 @@ struct Larger : Small {
 struct alignas(64) Aligned : Small {
   unsigned char payload[8] = {};
 };
+// Aligned as the pool's largest alignment, so served by it.
+struct alignas(16) Aligned16 : Small {
+  unsigned char payload[8] = {};
+};
 struct Huge : Small {
   unsigned char payload[Vela::kSmallBlockBytes] = {};
 };
@@ -80,12 +89,16 @@ TEST(SmallBlockTest, EntitiesAreFreedWithTheSizeOfTheirOwnType) {
     Vela::Ptr<Small> huge = Vela::make<Huge>();
     Vela::Ptr<Small> alignedOne = Vela::make<Aligned>();
     EXPECT_TRUE(aligned(alignedOne.get(), 64));
+    // Served by the pool, on 16 bytes whatever sizes it served before.
+    Vela::Ptr<Small> aligned16 = Vela::make<Aligned16>();
+    EXPECT_TRUE(aligned(aligned16.get(), 16));
     if (Vela::kSmallBlocksPooled) {
       auto rounded = [](std::size_t b) {
         return static_cast<long long>((b + Vela::kSmallBlockGrain - 1) / Vela::kSmallBlockGrain *
                                       Vela::kSmallBlockGrain);
       };
-      EXPECT_EQ(Vela::smallBlockBytesInUse() - before, rounded(sizeof(Small)) + rounded(sizeof(Larger)));
+      EXPECT_EQ(Vela::smallBlockBytesInUse() - before,
+                rounded(sizeof(Small)) + rounded(sizeof(Larger)) + rounded(sizeof(Aligned16)));
     }
   }
   EXPECT_EQ(Vela::smallBlockBytesInUse(), before);
@@ -95,7 +108,8 @@ TEST(SmallBlockTest, EntitiesAreFreedWithTheSizeOfTheirOwnType) {
 // and what an ended thread freed is taken by the next thread that needs
 // blocks of that size.
 TEST(SmallBlockTest, BlocksOutliveTheirThreadAndItsFreeBlocksAreReused) {
-  constexpr std::size_t kBytes = 200;
+  constexpr std::size_t kBytes = 203;
+  constexpr long long kRounded = 208;  // taken in the pool's steps
   long long const before = Vela::smallBlockBytesInUse();
   void* kept = nullptr;
   std::set<void*> freedThere;
@@ -110,7 +124,7 @@ TEST(SmallBlockTest, BlocksOutliveTheirThreadAndItsFreeBlocksAreReused) {
     }
   }).join();
   if (Vela::kSmallBlocksPooled) {
-    EXPECT_EQ(Vela::smallBlockBytesInUse() - before, 208);
+    EXPECT_EQ(Vela::smallBlockBytesInUse() - before, kRounded);
   }
   EXPECT_EQ(static_cast<unsigned char*>(kept)[kBytes - 1], 0x11);
   Vela::freeSmallBlock(kept, kBytes);
@@ -123,7 +137,7 @@ TEST(SmallBlockTest, BlocksOutliveTheirThreadAndItsFreeBlocksAreReused) {
   }).join();
   if (Vela::kSmallBlocksPooled) {
     for (void* p : taken) EXPECT_EQ(freedThere.count(p), 1u);
-    EXPECT_EQ(Vela::smallBlockBytesInUse() - before, static_cast<long long>(208 * taken.size()));
+    EXPECT_EQ(Vela::smallBlockBytesInUse() - before, kRounded * static_cast<long long>(taken.size()));
   }
   for (void* p : taken) Vela::freeSmallBlock(p, kBytes);
   EXPECT_EQ(Vela::smallBlockBytesInUse(), before);
