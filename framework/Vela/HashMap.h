@@ -477,8 +477,29 @@ class HashMap {
     std::uint32_t const near = distance <= kMaxNear ? std::uint32_t(kMaxNear + 1 - distance) : 0;
     return static_cast<std::uint16_t>((near << 8) | (place & 0xFFu));
   }
-  void refreshProbes(std::size_t from, std::size_t to) {
-    for (std::size_t i = from; i < to; ++i) probes_[i] = probeWord(i, revs_[i]);
+  // The probe words of the members moved one slot right, from [from, to) to
+  // [from + 1, to]: each is one slot further from its home, which changes
+  // only the distance part (a member already beyond the near distances
+  // stays there).
+  void probesMovedRight(std::size_t from, std::size_t to) {
+    for (std::size_t i = to; i > from; --i) {
+      std::uint16_t const w = probes_[i - 1];
+      probes_[i] = static_cast<std::uint16_t>(w >= 0x100 ? w - 0x100 : w);
+    }
+  }
+  // The same for members moved one slot left, from [from + 1, to) to
+  // [from, to - 1): each comes one slot nearer its home, and one that was
+  // beyond the near distances has its word worked out afresh.
+  void probesMovedLeft(std::size_t from, std::size_t to) {
+    for (std::size_t i = from; i + 1 < to; ++i) {
+      std::uint16_t const w = probes_[i + 1];
+      probes_[i] = w >= 0x100 ? static_cast<std::uint16_t>(w + 0x100) : probeWord(i, revs_[i]);
+    }
+  }
+  // Whether the member in slot i sits after its home (so that erasing the
+  // one before it moves it): its probe word's distance part says so.
+  bool awayFromHome(std::size_t i) const {
+    return probes_[i] < kEndProbe && (probes_[i] >> 8) != kMaxNear + 1;
   }
 
   std::size_t findIdx(K const& k) const {
@@ -655,9 +676,10 @@ class HashMap {
       end = runEnd(idx);
     }
     shiftRight(idx, end);
+    probesMovedRight(idx, end);
     ::new (static_cast<void*>(members_[idx].bytes)) Member(std::move(fresh));
     revs_[idx] = rev;
-    refreshProbes(idx, end + 1);
+    probes_[idx] = probeWord(idx, rev);
     ++size_;
     ++epoch_;
     if (idx < firstHint_) firstHint_ = idx;
@@ -668,11 +690,11 @@ class HashMap {
   bool eraseAt(std::size_t idx) {
     std::destroy_at(&member(idx));
     std::size_t end = idx + 1;
-    while (isFull(end) && homeOf(revs_[end]) < end) ++end;
+    while (awayFromHome(end)) ++end;
     shiftLeft(idx, end);
+    probesMovedLeft(idx, end);
     revs_[end - 1] = kNoRev;
     probes_[end - 1] = kNoProbe;
-    refreshProbes(idx, end - 1);
     --size_;
     ++epoch_;
     if (size_ == 0) {
