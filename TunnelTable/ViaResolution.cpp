@@ -77,6 +77,7 @@ void calculateTunnelFibEntryMplsVia(Vela::Ptr<MplsTunnelFibSm> const& sm, MplsTu
 
   Nimbo::MplsLabelOperation const& outerLabels = via.labels();
   std::size_t const outerCount = outerLabels.stackSize();
+  fibEntry.viasReserve(fibEntry.vias().size() + innerEntry->vias().size());
   for (MplsVia const& innerVia : innerEntry->vias()) {
     Nimbo::MplsLabelOperation const& innerLabels = innerVia.labels();
     std::size_t const innerCount = innerLabels.stackSize();

@@ -145,6 +145,12 @@ class ValueSet {
     return findSmall(k) != nullptr;
   }
 
+  // Makes room for n members in the small array at once, for a writer that
+  // knows how many it is about to add (a larger n changes nothing).
+  void reserve(std::size_t n) {
+    if (!isLarge() && n > cap_ && n <= kSmallMax) reallocateSmall(static_cast<std::uint32_t>(n));
+  }
+
   // Adds k; returns whether it was absent.
   bool insert(K const& k) {
     if (isLarge()) {
@@ -450,6 +456,7 @@ struct ValueTraits<ValueSet<K, H, Eq>> : NoneValueTraits<ValueSet<K, H, Eq>> {};
   void new##Name(Key const& k, bool present = true) { name##Is(k, present); } \
   void name##Del(Key const& k) { name##_.erase(k); }                          \
   void name##DelAll() { name##_.clear(); }                                    \
+  void name##sReserve(std::size_t n) { name##_.reserve(n); }                  \
   ::Vela::ValueSet<Key> const& name##s() const { return name##_; }            \
                                                                               \
  private:                                                                     \
