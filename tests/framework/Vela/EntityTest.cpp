@@ -47,6 +47,10 @@ class BoxReactor : public Vela::Reactor<Box> {
   }
 };
 
+// A RIB holds millions of entities: each costs its vtable pointer, its count
+// (with the on-demand flag beside it) and a pointer to its name, if any.
+TEST(EntityTest, IsThreeWordsWhateverItsName) { EXPECT_EQ(sizeof(Vela::Entity), 3 * sizeof(void*)); }
+
 TEST(EntityTest, EqualWriteNotifiesNoOne) {
   auto box = Vela::make<Box>("b");
   BoxReactor r;
