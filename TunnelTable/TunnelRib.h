@@ -62,7 +62,6 @@ class TunnelRibEntry : public Vela::Entity {
   Vela::Name nameOnDemand() const override;
 
  private:
-  Nimbo::IpGenPrefix tep_;
   TunnelIdSet tunnelId_;
 
   // Metric fields of the tunnel entered last (BGP LU: bgpMetric ...;
@@ -71,6 +70,9 @@ class TunnelRibEntry : public Vela::Entity {
   VELA_ATTRIBUTE(std::uint32_t, metric2);
   VELA_ATTRIBUTE(std::uint32_t, pref);
   VELA_ATTRIBUTE(std::uint32_t, pref2);
+  // Declared last, so that it starts in the room behind pref2's value: a
+  // RIB holds two entries per TEP.
+  Nimbo::IpGenPrefix tep_;
 };
 
 class TunnelRib : public Vela::Entity {

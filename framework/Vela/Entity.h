@@ -102,8 +102,10 @@ class Attribute {
   Signal<> const& changed() const { return changed_; }
 
  private:
-  T value_{};
+  // The value last, so that a small one leaves room behind it that the
+  // member declared next may take (VELA_ATTRIBUTE lets it).
   Signal<> changed_;
+  T value_{};
 };
 
 template <class K, class V, class Map = HashMap<K, V>>
@@ -329,7 +331,7 @@ class Reactor {
   ::Vela::Signal<> const& name##Changed() const { return name##_.changed(); } \
                                                                               \
  private:                                                                     \
-  ::Vela::Attribute<Type> name##_
+  [[no_unique_address]] ::Vela::Attribute<Type> name##_
 
 // Value collection `name` keyed by Key: name(k) (default when absent),
 // name##Is(k, v), name##Del(k), name##DelAll(), name##s() (the collection, for
