@@ -116,6 +116,11 @@ class HashMap {
   // Distances up to this are kept in the probe word; a member further from
   // its home has distance byte 0.
   static constexpr std::size_t kMaxNear = 253;
+  // The distance part counts down from the high byte: one slot further from
+  // home is one kProbeStep less, and the words of members at home are
+  // kAtHome and up (below those of empty slots and the sentinel).
+  static constexpr std::uint16_t kProbeStep = 0x100;
+  static constexpr std::uint16_t kAtHome = (kMaxNear + 1) * kProbeStep;
   static constexpr std::uint32_t kMinBits = 1;
   static constexpr std::uint32_t kFullRange = 0xFFFFFFFFu;
   // A change that probes further than this from a home slot may refit the
@@ -484,7 +489,7 @@ class HashMap {
   void probesMovedRight(std::size_t from, std::size_t to) {
     for (std::size_t i = to; i > from; --i) {
       std::uint16_t const w = probes_[i - 1];
-      probes_[i] = static_cast<std::uint16_t>(w >= 0x100 ? w - 0x100 : w);
+      probes_[i] = static_cast<std::uint16_t>(w >= kProbeStep ? w - kProbeStep : w);
     }
   }
   // The same for members moved one slot left, from [from + 1, to) to
@@ -493,14 +498,13 @@ class HashMap {
   void probesMovedLeft(std::size_t from, std::size_t to) {
     for (std::size_t i = from; i + 1 < to; ++i) {
       std::uint16_t const w = probes_[i + 1];
-      probes_[i] = w >= 0x100 ? static_cast<std::uint16_t>(w + 0x100) : probeWord(i, revs_[i]);
+      probes_[i] = w >= kProbeStep ? static_cast<std::uint16_t>(w + kProbeStep) : probeWord(i, revs_[i]);
     }
   }
   // Whether the member in slot i sits after its home (so that erasing the
-  // one before it moves it): its probe word's distance part says so.
-  bool awayFromHome(std::size_t i) const {
-    return probes_[i] < kEndProbe && (probes_[i] >> 8) != kMaxNear + 1;
-  }
+  // one before it moves it): its probe word says so, and an empty slot or
+  // the sentinel never is.
+  bool awayFromHome(std::size_t i) const { return probes_[i] < kAtHome; }
 
   std::size_t findIdx(K const& k) const {
     if (size_ == 0) return kEndIdx;
@@ -509,8 +513,8 @@ class HashMap {
     std::size_t i = static_cast<std::size_t>(place >> 8);
     // Slots before the key's place have smaller words, its own (and its
     // hash-fragment twins) equal ones, later members and empty slots larger.
-    for (std::uint32_t want = ((kMaxNear + 1) << 8) | (static_cast<std::uint32_t>(place) & 0xFFu);;
-         ++i, want -= 256) {
+    for (std::uint32_t want = kAtHome | (static_cast<std::uint32_t>(place) & 0xFFu);;
+         ++i, want -= kProbeStep) {
       std::uint32_t const have = probes_[i];
       if (have >= want) {
         if (have > want) return kEndIdx;
@@ -540,8 +544,8 @@ class HashMap {
   Place locate(K const& k, std::uint32_t rev) const {
     std::uint64_t const place = placeOf(rev);
     std::size_t i = static_cast<std::size_t>(place >> 8);
-    for (std::uint32_t want = ((kMaxNear + 1) << 8) | (static_cast<std::uint32_t>(place) & 0xFFu);;
-         ++i, want -= 256) {
+    for (std::uint32_t want = kAtHome | (static_cast<std::uint32_t>(place) & 0xFFu);;
+         ++i, want -= kProbeStep) {
       std::uint32_t const have = probes_[i];
       if (have > want) return {i, false};
       if (have == want && revs_[i] >= rev) break;  // the same place: the reversed hashes decide
