@@ -124,6 +124,9 @@ class MplsTunnelFib : public Vela::Entity {
   void newEntry(MplsTunnelFibEntry const& e) { entryIs(e); }
   void entryDel(TunnelId id);
   void entryDelAll() { entry_.delAll(); }
+  // Makes room for n entries at once (a bulk load); the FIB still shrinks
+  // as entries go.
+  void entrysMakeRoom(std::size_t n) { entry_.makeRoom(n); }
   // Iteration, size and the per-id changed() signal.
   Vela::ValueCollection<TunnelId, MplsTunnelFibEntry> const& entrys() const { return entry_; }
 

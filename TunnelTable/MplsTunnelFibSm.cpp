@@ -241,6 +241,12 @@ void MplsTunnelFibSm::handleInitialized() {
   handleBgpLuTunnelEntry();
   handleLdpSrTunnelEntry();
   handleSrTeSegmentListTunnelEntry();
+  // Make room at once for what the first drain stores, rather than grow the
+  // maps step by step in the backlog's order, which is their own: a FIB
+  // entry for nearly every queued tunnel, and a dependency record for every
+  // BGP LU tunnel (they ride on other tunnels; most others do not).
+  mplsTunnelFib_->entrysMakeRoom(tunnelForReview_.size());
+  tunnelDependencies_.makeRoom(entryCount(bgpLuTable()) + entryCount(bgpLuPushTable()));
   initializedIs(true);
 }
 

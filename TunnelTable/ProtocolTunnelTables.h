@@ -15,6 +15,7 @@
 // Storing an entry equal to the stored one changes nothing and notifies no one.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 #include <utility>
@@ -176,5 +177,11 @@ class IpsecIntfTunnelTable : public L3IntfTunnelTableBase,
   explicit IpsecIntfTunnelTable(Vela::Name name = {});
   std::string_view typeName() const override { return "Tunnel::TunnelTable::IpsecIntfTunnelTable"; }
 };
+
+// How many entries a table holds; none without a table.
+template <class Table>
+std::size_t entryCount(Vela::Ptr<Table const> const& table) {
+  return table ? table->entrys().size() : 0;
+}
 
 }  // namespace Tunnel::TunnelTable

@@ -343,36 +343,30 @@ void forEachId(Vela::Ptr<Table const> const& table, Fn&& handler) {
   for (TunnelId const& id : ids) handler(id);
 }
 
-template <class Table>
-std::size_t sizeOf(Vela::Ptr<Table const> const& table) {
-  return table ? table->entrys().size() : 0;
-}
-
 }  // namespace
 
 void TunnelRibSm::reserveForScan(std::size_t count) {
   // Ids come in the table's order, which is the order of tunnelIdToTep's own
   // hash: grown step by step, the map would pile them up at its start.
-  tunnelIdToTep_.reserve(tunnelIdToTep_.size() + count);
-  tunnelIdToTep_.reserve(0);  // no floor once the room is made
+  tunnelIdToTep_.makeRoom(tunnelIdToTep_.size() + count);
 }
 
 void TunnelRibSm::handleBgpLuTunnelEntry() {
   SKEIN_TRACE(8, kFnHandleBgpLuTunnelEntry);
-  reserveForScan(sizeOf(bgpLuTable()));
+  reserveForScan(entryCount(bgpLuTable()));
   forEachId(bgpLuTable(), [this](TunnelId const& id) { handleBgpLuTunnelEntry(id); });
 }
 
 void TunnelRibSm::handleLdpSrTunnelEntry() {
   SKEIN_TRACE(8, kFnHandleLdpSrTunnelEntry);
-  reserveForScan(sizeOf(ldpTable()) + sizeOf(srTable()));
+  reserveForScan(entryCount(ldpTable()) + entryCount(srTable()));
   forEachId(ldpTable(), [this](TunnelId const& id) { handleLdpSrTunnelEntry(id); });
   forEachId(srTable(), [this](TunnelId const& id) { handleLdpSrTunnelEntry(id); });
 }
 
 void TunnelRibSm::handleStaticTunnelEntry() {
   SKEIN_TRACE(8, kFnHandleStaticTunnelEntry);
-  reserveForScan(sizeOf(staticTable()));
+  reserveForScan(entryCount(staticTable()));
   forEachId(staticTable(), [this](TunnelId const& id) { handleStaticTunnelEntry(id); });
 }
 

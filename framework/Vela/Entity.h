@@ -133,6 +133,8 @@ class ValueCollection {
   bool contains(K const& k) const { return map_.contains(k); }
   std::size_t size() const { return map_.size(); }
   bool empty() const { return map_.empty(); }
+  // Makes room for n members (see HashMap::makeRoom); notifies nothing.
+  void makeRoom(std::size_t n) { map_.makeRoom(n); }
 
   // Inserts or replaces; notifies only when the stored value changed.
   // A set takes only true. A value passed as an rvalue is moved in, and

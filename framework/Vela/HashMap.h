@@ -329,6 +329,14 @@ class HashMap {
     std::uint32_t const bits = bitsFor(n);
     if (bits > bits_) grow(bits);
   }
+  // Makes room for n members at once, without the floor: the table shrinks
+  // again as members go. For a bulk load whose keys come in the map's own
+  // order, which step-by-step growth would pile up at the table's start.
+  void makeRoom(std::size_t n) {
+    std::size_t const floor = reserved_;
+    reserve(n);
+    reserved_ = floor;
+  }
 
   bool contains(K const& k) const { return findIdx(k) != kEndIdx; }
 
