@@ -1,5 +1,9 @@
 #include "framework/Nimbo/MplsLabelOperation.h"
 
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
 #include "framework/Vela/Exception.h"
 #include "framework/Vela/Hash.h"
 
@@ -86,11 +90,14 @@ std::vector<std::uint32_t> MplsLabelOperation::labels() const {
 }
 
 std::uint32_t MplsLabelOperation::hash() const {
-  std::uint32_t h = Vela::mix32((std::uint32_t(static_cast<std::uint8_t>(operation_)) << 8) | stackSize_);
-  // Unrolled: every via placed in a set hashes its labels.
-#pragma GCC unroll 8
-  for (auto l : label_) h = Vela::hashCombine(h, Vela::mix32(l));
-  return h;
+  // Every via placed in a set hashes its labels: the six slots go in as
+  // three words, composed so that every machine hashes alike.
+  static_assert(maxStackSize % 2 == 0);
+  std::array<std::uint64_t, maxStackSize / 2> words;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    words[i] = std::uint64_t(label_[2 * i]) | std::uint64_t(label_[2 * i + 1]) << 32;
+  }
+  return Vela::hashWords((std::uint64_t(static_cast<std::uint8_t>(operation_)) << 8) | stackSize_, words);
 }
 
 std::string MplsLabelOperation::toStrep() const {
