@@ -155,7 +155,7 @@ MplsTunnelFibSm::TunnelIdSet const& MplsTunnelFibSm::tunnelsDirectlyDependingOn(
   return record ? record->tunnelsDirectlyDependingOn : kNoTunnels;
 }
 
-void MplsTunnelFibSm::tunnelsDirectlyDependingOnIs(TunnelId const& id, TunnelId const& inner) {
+void MplsTunnelFibSm::tunnelsDirectlyDependingOnIs(TunnelId const& id, HashedId const& inner) {
   if (reviewActive_ && id == reviewing_) {
     reviewInners_.push_back(inner);
     return;
@@ -170,37 +170,39 @@ MplsTunnelFibSm::TunnelIdSet const& MplsTunnelFibSm::resolvedByTunnels(TunnelId 
 
 void MplsTunnelFibSm::resolvedByTunnelsIs(TunnelId const& id, TunnelId const& inner) {
   if (reviewActive_ && id == reviewing_) {
-    reviewResolved_.push_back(inner);
+    reviewResolved_.emplace_back(inner);
     return;
   }
   tunnelDependencies_.tryEmplace(id).first.value().resolvedByTunnels.insert(inner);
 }
 
-void MplsTunnelFibSm::resolvedByTunnelsInheritIs(TunnelId const& id, TunnelId const& inner) {
+void MplsTunnelFibSm::resolvedByTunnelsInheritIs(TunnelId const& id, HashedId const& inner) {
   if (reviewActive_ && id == reviewing_) {
     reviewResolved_.push_back(inner);
     // A tunnel under review inherits nothing from itself: its own record is
     // the one being rebuilt.
-    if (inner == id) return;
+    if (inner.key == id) return;
     if (TunnelDependencies const* record = tunnelDependencies_.lookup(inner)) {
-      for (TunnelId const& t : record->resolvedByTunnels) reviewResolved_.push_back(t);
+      for (TunnelId const& t : record->resolvedByTunnels) reviewResolved_.emplace_back(t);
     }
     return;
   }
   // The record of `id` first: creating it may move every record of the map.
   TunnelIdSet& set = tunnelDependencies_.tryEmplace(id).first.value().resolvedByTunnels;
   set.insert(inner);
-  if (inner == id) return;
+  if (inner.key == id) return;
   if (TunnelDependencies const* record = tunnelDependencies_.lookup(inner)) {
     for (TunnelId const& t : record->resolvedByTunnels) set.insert(t);
   }
 }
 
-bool MplsTunnelFibSm::resolvedThrough(TunnelId const& id, TunnelId const& other) const {
-  if (reviewActive_ && id == reviewing_) {
-    return std::find(reviewResolved_.begin(), reviewResolved_.end(), other) != reviewResolved_.end();
+bool MplsTunnelFibSm::resolvedThrough(HashedId const& id, TunnelId const& other) const {
+  if (reviewActive_ && id.key == reviewing_) {
+    return std::any_of(reviewResolved_.begin(), reviewResolved_.end(),
+                       [&other](HashedId const& t) { return t.key == other; });
   }
-  return resolvedByTunnels(id).contains(other);
+  TunnelDependencies const* record = tunnelDependencies_.lookup(id);
+  return record && record->resolvedByTunnels.contains(other);
 }
 
 bool MplsTunnelFibSm::tunnelFibEntryMarkedUnprocessed(TunnelId const& id) const {
@@ -346,19 +348,27 @@ TunnelTableEntry MplsTunnelFibSm::tunnelTableEntry(TunnelId const& id) const {
 
 namespace {
 
-void sortUnique(std::vector<TunnelId>& ids) {
-  std::sort(ids.begin(), ids.end());
-  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+using HashedId = MplsTunnelFibSm::HashedId;
+
+TunnelId const& keyOf(HashedId const& t) { return t.key; }
+TunnelId const& keyOf(TunnelId const& t) { return t; }
+constexpr auto kKeyLess = [](auto const& a, auto const& b) { return keyOf(a) < keyOf(b); };
+constexpr auto kKeyEqual = [](auto const& a, auto const& b) { return keyOf(a) == keyOf(b); };
+
+void sortUnique(std::vector<HashedId>& ids) {
+  std::sort(ids.begin(), ids.end(), kKeyLess);
+  ids.erase(std::unique(ids.begin(), ids.end(), kKeyEqual), ids.end());
 }
 
 // Makes `set` hold exactly `ids` (sorted, unique), writing only on a change.
-void assignSet(MplsTunnelFibSm::TunnelIdSet& set, std::vector<TunnelId> const& ids) {
+void assignSet(MplsTunnelFibSm::TunnelIdSet& set, std::vector<HashedId> const& ids) {
   if (set.size() == ids.size() &&
-      std::all_of(ids.begin(), ids.end(), [&set](TunnelId const& t) { return set.contains(t); })) {
+      std::all_of(ids.begin(), ids.end(), [&set](HashedId const& t) { return set.contains(t); })) {
     return;
   }
   MplsTunnelFibSm::TunnelIdSet fresh;
-  for (TunnelId const& t : ids) fresh.insert(t);
+  fresh.reserve(ids.size());
+  for (HashedId const& t : ids) fresh.insert(t);
   set = std::move(fresh);
 }
 
@@ -373,26 +383,29 @@ void MplsTunnelFibSm::settleDependencies(TunnelId const& id) {
   reviewActive_ = false;
   sortUnique(reviewInners_);
   sortUnique(reviewResolved_);
-  TunnelDependencies* record = tunnelDependencies_.lookup(id);
+  // A record that will hold something is found or made in one probe; one
+  // whose sets both come out empty goes at the end.
+  bool const keep = !reviewInners_.empty() || !reviewResolved_.empty();
+  HashedId const self(id);
+  TunnelDependencies* record =
+      keep ? &tunnelDependencies_.tryEmplace(self).first.value() : tunnelDependencies_.lookup(self);
   // Only directlyDependentTunnels_ changes from here until the record is
   // written, so `record` stays valid.
   if (record) {
     for (TunnelId const& t : record->tunnelsDirectlyDependingOn) {
-      if (!std::binary_search(reviewInners_.begin(), reviewInners_.end(), t))
+      if (!std::binary_search(reviewInners_.begin(), reviewInners_.end(), t, kKeyLess))
         directlyDependentTunnelsDel(t, id);
     }
   }
-  for (TunnelId const& t : reviewInners_) {
-    if (!record || !record->tunnelsDirectlyDependingOn.contains(t)) {
-      directlyDependentTunnels_.tryEmplace(t).first.value().insert(id);
+  for (HashedId const& t : reviewInners_) {  // some only when there is a record
+    if (!record->tunnelsDirectlyDependingOn.contains(t)) {
+      directlyDependentTunnels_.tryEmplace(t).first.value().insert(self);
     }
   }
-  // A record whose sets both come out empty goes.
-  if (reviewInners_.empty() && reviewResolved_.empty()) {
+  if (!keep) {
     if (record) tunnelDependencies_.erase(id);
     return;
   }
-  if (!record) record = &tunnelDependencies_.tryEmplace(id).first.value();
   assignSet(record->tunnelsDirectlyDependingOn, reviewInners_);
   assignSet(record->resolvedByTunnels, reviewResolved_);
 }

@@ -61,6 +61,9 @@ class MplsTunnelFibSm : public Vela::Entity {
     TunnelIdSet resolvedByTunnels;
   };
   using TunnelDependenciesMap = Vela::HashMap<TunnelId, TunnelDependencies>;
+  // A tunnel id with its hash: the resolution finds an inner tunnel in
+  // several maps and sets, and hashes it once.
+  using HashedId = Vela::Hashed<TunnelId>;
 
   // One of the two sets of every record, seen as a collection keyed by
   // tunnel: its members are the tunnels whose set is non-empty. Iteration
@@ -178,7 +181,10 @@ class MplsTunnelFibSm : public Vela::Entity {
   DependencySetView tunnelsDirectlyDependingOns() const {
     return DependencySetView(tunnelDependencies_, &TunnelDependencies::tunnelsDirectlyDependingOn);
   }
-  void tunnelsDirectlyDependingOnIs(TunnelId const& id, TunnelId const& inner);
+  void tunnelsDirectlyDependingOnIs(TunnelId const& id, TunnelId const& inner) {
+    tunnelsDirectlyDependingOnIs(id, HashedId(inner));
+  }
+  void tunnelsDirectlyDependingOnIs(TunnelId const& id, HashedId const& inner);
 
   // For tunnel Y: every tunnel, directly or transitively, through which Y's
   // vias were flattened. Emptied entries go at the end of the review.
@@ -188,10 +194,16 @@ class MplsTunnelFibSm : public Vela::Entity {
   }
   void resolvedByTunnelsIs(TunnelId const& id, TunnelId const& inner);
   // Adds `inner` and every member of resolvedByTunnels(inner) to the set of `id`.
-  void resolvedByTunnelsInheritIs(TunnelId const& id, TunnelId const& inner);
+  void resolvedByTunnelsInheritIs(TunnelId const& id, TunnelId const& inner) {
+    resolvedByTunnelsInheritIs(id, HashedId(inner));
+  }
+  void resolvedByTunnelsInheritIs(TunnelId const& id, HashedId const& inner);
   // Whether resolvedByTunnels(id) holds `other`, counting what the review of
   // `id` in progress (if any) has recorded so far.
-  bool resolvedThrough(TunnelId const& id, TunnelId const& other) const;
+  bool resolvedThrough(TunnelId const& id, TunnelId const& other) const {
+    return resolvedThrough(HashedId(id), other);
+  }
+  bool resolvedThrough(HashedId const& id, TunnelId const& other) const;
 
   // Both sets of every tunnel, one record per tunnel.
   TunnelDependenciesMap const& tunnelDependencies() const { return tunnelDependencies_; }
@@ -306,8 +318,8 @@ class MplsTunnelFibSm : public Vela::Entity {
   // (unsorted, with repeats) until settleDependencies().
   bool reviewActive_ = false;
   TunnelId reviewing_;
-  std::vector<TunnelId> reviewInners_;
-  std::vector<TunnelId> reviewResolved_;
+  std::vector<HashedId> reviewInners_;
+  std::vector<HashedId> reviewResolved_;
 };
 
 // Creates the state machine (the aggregator's way to start it).

@@ -50,12 +50,14 @@ void calculateTunnelFibEntryMplsVia(Vela::Ptr<MplsTunnelFibSm> const& sm, MplsTu
   }
   TunnelId const outer = fibEntry.tunnelId();
   // Range-checked: an interface that encodes more than 48 bits raises here.
-  TunnelId const inner(Nimbo::DynamicTunnelIntfId::tunnelId(via.intfId()));
+  // Hashed once for the maps and sets it is looked up in below.
+  MplsTunnelFibSm::HashedId const hashedInner{TunnelId(Nimbo::DynamicTunnelIntfId::tunnelId(via.intfId()))};
+  TunnelId const& inner = hashedInner.key;
 
   // Recorded whatever follows, so that the outer tunnel is reviewed again
   // whenever the inner one's FIB entry changes.
   sm->directlyDependentTunnelsIs(inner, outer);
-  sm->tunnelsDirectlyDependingOnIs(outer, inner);
+  sm->tunnelsDirectlyDependingOnIs(outer, hashedInner);
 
   if (sm->tunnelFibEntryMarkedUnprocessed(inner)) {
     // Left over from before start-up; the outer tunnel is reviewed again
@@ -66,9 +68,9 @@ void calculateTunnelFibEntryMplsVia(Vela::Ptr<MplsTunnelFibSm> const& sm, MplsTu
 
   // The inner tunnel's FIB vias, read in place: nothing below writes the FIB,
   // so the stored entry cannot change while it is walked.
-  MplsTunnelFibEntry const* innerEntry = sm->mplsTunnelFib()->entrys().lookup(inner);
+  MplsTunnelFibEntry const* innerEntry = sm->mplsTunnelFib()->entrys().lookup(hashedInner);
 
-  if (sm->resolvedThrough(inner, outer)) {
+  if (sm->resolvedThrough(hashedInner, outer)) {
     SKEIN_TRACE(7, "    Cycle detected while trying to create MplsVia for tunnelId "
                        << outer << " via tunnelId " << inner);
     return;
@@ -95,7 +97,7 @@ void calculateTunnelFibEntryMplsVia(Vela::Ptr<MplsTunnelFibSm> const& sm, MplsTu
   }
   // Some inner via was looked at (added or skipped for its stack): the outer
   // tunnel is now resolved through the inner one and all it was resolved through.
-  sm->resolvedByTunnelsInheritIs(outer, inner);
+  sm->resolvedByTunnelsInheritIs(outer, hashedInner);
 }
 
 }  // namespace Tunnel::TunnelTable

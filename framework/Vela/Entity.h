@@ -130,6 +130,11 @@ class ValueCollection {
       return map_.lookup(k);
     }
   }
+  // The same with the key's hash worked out (a HashMap's members only).
+  template <class H>
+  V const* lookup(Hashed<K, H> const& k) const {
+    return map_.lookup(k);
+  }
   bool contains(K const& k) const { return map_.contains(k); }
   std::size_t size() const { return map_.size(); }
   bool empty() const { return map_.empty(); }

@@ -94,6 +94,17 @@ concept HasHashMember = requires(K const& k) {
 template <class K>
 struct Hash;
 
+// A key with its bit-reversed hash (the collections' order, HashMap.h)
+// worked out once: for code that finds the same key in several maps and
+// sets hashing it with H. Their Hashed overloads take the stored order as
+// the key's own.
+template <class K, class H = Hash<K>>
+struct Hashed {
+  explicit Hashed(K const& k) : key(k), rev(bitReverse32(static_cast<std::uint32_t>(H()(k)))) {}
+  K key;
+  std::uint32_t rev;
+};
+
 template <HasHashMember K>
 struct Hash<K> {
   std::uint32_t operator()(K const& k) const noexcept { return static_cast<std::uint32_t>(k.hash()); }

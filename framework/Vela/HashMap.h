@@ -339,6 +339,7 @@ class HashMap {
   }
 
   bool contains(K const& k) const { return findIdx(k) != kEndIdx; }
+  bool contains(Hashed<K, H> const& k) const { return findIdx(k.key, k.rev) != kEndIdx; }
 
   // Starts loading the slot a lookup or an insertion of k begins at, so that
   // the loads of several maps about to be used overlap instead of waiting in
@@ -359,6 +360,14 @@ class HashMap {
     std::size_t const i = findIdx(k);
     return i == kEndIdx ? nullptr : &member(i).value;
   }
+  V* lookup(Hashed<K, H> const& k) {
+    std::size_t const i = findIdx(k.key, k.rev);
+    return i == kEndIdx ? nullptr : &member(i).value;
+  }
+  V const* lookup(Hashed<K, H> const& k) const {
+    std::size_t const i = findIdx(k.key, k.rev);
+    return i == kEndIdx ? nullptr : &member(i).value;
+  }
 
   iterator find(K const& k) {
     std::size_t const i = findIdx(k);
@@ -373,7 +382,12 @@ class HashMap {
   // whether it was inserted.
   template <class... Args>
   std::pair<iterator, bool> tryEmplace(K const& k, Args&&... args) {
-    auto [idx, inserted] = emplace(k, std::forward<Args>(args)...);
+    auto [idx, inserted] = emplace(k, revOf(k), std::forward<Args>(args)...);
+    return {iterator(this, idx), inserted};
+  }
+  template <class... Args>
+  std::pair<iterator, bool> tryEmplace(Hashed<K, H> const& k, Args&&... args) {
+    auto [idx, inserted] = emplace(k.key, k.rev, std::forward<Args>(args)...);
     return {iterator(this, idx), inserted};
   }
 
@@ -381,7 +395,7 @@ class HashMap {
   template <class M>
   bool insertOrAssign(K const& k, M&& v) {
     // One probe: emplace leaves v alone when k is present.
-    auto const [i, inserted] = emplace(k, std::forward<M>(v));
+    auto const [i, inserted] = emplace(k, revOf(k), std::forward<M>(v));
     if (!inserted) member(i).value = std::forward<M>(v);
     return inserted;
   }
@@ -514,9 +528,9 @@ class HashMap {
   // the sentinel never is.
   bool awayFromHome(std::size_t i) const { return probes_[i] < kAtHome; }
 
-  std::size_t findIdx(K const& k) const {
+  std::size_t findIdx(K const& k) const { return size_ == 0 ? kEndIdx : findIdx(k, revOf(k)); }
+  std::size_t findIdx(K const& k, std::uint32_t rev) const {
     if (size_ == 0) return kEndIdx;
-    std::uint32_t const rev = revOf(k);
     std::uint64_t const place = placeOf(rev);
     std::size_t i = static_cast<std::size_t>(place >> 8);
     // Slots before the key's place have smaller words, its own (and its
@@ -655,10 +669,10 @@ class HashMap {
     }
   }
 
-  // Returns the slot of k and whether it was inserted.
+  // Returns the slot of k (whose reversed hash is rev) and whether it was
+  // inserted.
   template <class... Args>
-  std::pair<std::size_t, bool> emplace(K const& k, Args&&... args) {
-    std::uint32_t const rev = revOf(k);
+  std::pair<std::size_t, bool> emplace(K const& k, std::uint32_t rev, Args&&... args) {
     std::size_t idx = kEndIdx;
     if (members_) {
       Place const p = locate(k, rev);

@@ -144,6 +144,10 @@ class ValueSet {
     if (isLarge()) return map()->contains(k);
     return findSmall(k) != nullptr;
   }
+  bool contains(Hashed<K, H> const& k) const {
+    if (isLarge()) return map()->contains(k);
+    return findSmall(k.key) != nullptr;
+  }
 
   // Makes room for n members in the small array at once, for a writer that
   // knows how many it is about to add (a larger n changes nothing).
@@ -152,22 +156,8 @@ class ValueSet {
   }
 
   // Adds k; returns whether it was absent.
-  bool insert(K const& k) {
-    if (isLarge()) {
-      if (!map()->tryEmplace(k).second) return false;
-      ++size_;
-      return true;
-    }
-    if (findSmall(k)) return false;
-    if (size_ == kSmallMax) {
-      toLarge();
-      map()->tryEmplace(k);
-      ++size_;
-      return true;
-    }
-    insertSmall(k);
-    return true;
-  }
+  bool insert(K const& k) { return insertAs(k, k); }
+  bool insert(Hashed<K, H> const& k) { return insertAs(k.key, k); }
 
   // Removes k; returns whether it was present.
   bool erase(K const& k) {
@@ -296,8 +286,29 @@ class ValueSet {
     return nullptr;
   }
 
+  // insert(), the key being k and `as` either k or k with its reversed hash.
+  template <class As>
+  bool insertAs(K const& k, As const& as) {
+    if (isLarge()) {
+      if (!map()->tryEmplace(as).second) return false;
+      ++size_;
+      return true;
+    }
+    if (findSmall(k)) return false;
+    if (size_ == kSmallMax) {
+      toLarge();
+      map()->tryEmplace(as);
+      ++size_;
+      return true;
+    }
+    insertSmall(k, as);
+    return true;
+  }
+  static std::uint32_t revOf(Hashed<K, H> const& k) { return k.rev; }
+
   // Inserts k (absent) into the array at its place in iteration order.
-  void insertSmall(K const& k) {
+  template <class As>
+  void insertSmall(K const& k, As const& as) {
     if (size_ == 0 && isInline(cap_ == 0 ? 1 : cap_)) {
       // The one member of an inline set has its place without its hash (a
       // set of one id is the common case, and hashing costs more than the rest).
@@ -306,7 +317,7 @@ class ValueSet {
       ++size_;
       return;
     }
-    std::uint32_t const rev = revOf(k);
+    std::uint32_t const rev = revOf(as);
     std::uint32_t pos = 0;
     for (K const* items = small(); pos < size_; ++pos) {
       std::uint32_t const r = revAt(pos);
