@@ -40,9 +40,10 @@ MplsTunnelFibSm::TunnelIdSet const kNoTunnels;
 // How many reviews ahead the drain prefetches, and how many ids at a time.
 constexpr std::uint64_t kReadAhead = 16;
 
-// The entry of `id` in `table`, or null when there is no table or no entry.
-template <class Table>
-auto const* findEntry(Vela::Ptr<Table const> const& table, TunnelId const& id) {
+// The entry of `id` (a TunnelId, or one with its hash) in `table`, or null
+// when there is no table or no entry.
+template <class Table, class Id>
+auto const* findEntry(Vela::Ptr<Table const> const& table, Id const& id) {
   return table ? table->entrys().lookup(id) : nullptr;
 }
 
@@ -379,14 +380,14 @@ void assignSet(MplsTunnelFibSm::TunnelIdSet& set, std::vector<HashedId> const& i
 // resolution: the end state is the same, but a dependency that stays (the
 // usual case) is neither removed from nor re-inserted into the sets of the
 // tunnels it points at, which may hold a hundred thousand dependents.
-void MplsTunnelFibSm::settleDependencies(TunnelId const& id) {
+void MplsTunnelFibSm::settleDependencies(HashedId const& self) {
   reviewActive_ = false;
   sortUnique(reviewInners_);
   sortUnique(reviewResolved_);
   // A record that will hold something is found or made in one probe; one
   // whose sets both come out empty goes at the end.
   bool const keep = !reviewInners_.empty() || !reviewResolved_.empty();
-  HashedId const self(id);
+  TunnelId const& id = self.key;
   TunnelDependencies* record =
       keep ? &tunnelDependencies_.tryEmplace(self).first.value() : tunnelDependencies_.lookup(self);
   // Only directlyDependentTunnels_ changes from here until the record is
@@ -411,13 +412,13 @@ void MplsTunnelFibSm::settleDependencies(TunnelId const& id) {
 }
 
 template <class F>
-bool MplsTunnelFibSm::withTableEntry(TunnelId const& id, F&& f) const {
+bool MplsTunnelFibSm::withTableEntry(HashedId const& id, F&& f) const {
   auto const visit = [&id, &f](auto const& table) {
     auto const* entry = findEntry(table, id);
     if (entry) f(*entry);
     return entry != nullptr;
   };
-  switch (id.tunnelType()) {
+  switch (id.key.tunnelType()) {
     case TunnelType::bgpLuPushTunnel:
       return visit(bgpLuPushTable());
     case TunnelType::bgpLuTunnel:
@@ -435,10 +436,9 @@ bool MplsTunnelFibSm::withTableEntry(TunnelId const& id, F&& f) const {
   }
 }
 
-void MplsTunnelFibSm::resolveTunnel(Vela::Ptr<MplsTunnelFibSm> const& self, MplsTunnelFibEntry& fibEntry,
-                                    bool& gone) {
-  TunnelId const id = fibEntry.tunnelId();
-  switch (id.tunnelType()) {
+void MplsTunnelFibSm::resolveTunnel(Vela::Ptr<MplsTunnelFibSm> const& self, HashedId const& id,
+                                    MplsTunnelFibEntry& fibEntry, bool& gone) {
+  switch (id.key.tunnelType()) {
     case TunnelType::invalidTunnel:
     case TunnelType::nexthopTunnel:
     case TunnelType::evpnVxlanTunnel:
@@ -469,7 +469,7 @@ void MplsTunnelFibSm::resolveTunnel(Vela::Ptr<MplsTunnelFibSm> const& self, Mpls
   });
 }
 
-void MplsTunnelFibSm::prefetchReview(TunnelId const& id) const {
+void MplsTunnelFibSm::prefetchReview(HashedId const& id) const {
   withTableEntry(id, [](auto const& entry) { entry.vias().prefetch(); });
   if (auto const* record = tunnelDependencies_.lookup(id)) {
     record->tunnelsDirectlyDependingOn.prefetch();
@@ -479,8 +479,9 @@ void MplsTunnelFibSm::prefetchReview(TunnelId const& id) const {
   // most ids have none yet, looking them up ahead cost more than it saved.
 }
 
-void MplsTunnelFibSm::updateTunnelFibEntry(TunnelId const& tunnelId) {
-  TunnelId const id = tunnelId;  // the caller's reference may point into a map changed below
+void MplsTunnelFibSm::reviewTunnel(HashedId const& hashedId) {
+  HashedId const hashed = hashedId;  // the caller's reference may point into a map changed below
+  TunnelId const& id = hashed.key;
   TunnelType const type = id.tunnelType();
   SKEIN_TRACE(8, "  updateTunnelFibEntry tunnelId: " << id << " (" << type << ")");
 
@@ -495,12 +496,12 @@ void MplsTunnelFibSm::updateTunnelFibEntry(TunnelId const& tunnelId) {
   Vela::Ptr<MplsTunnelFibSm> const self(this);
   bool gone = false;
   try {
-    resolveTunnel(self, fibEntry, gone);
+    resolveTunnel(self, hashed, fibEntry, gone);
   } catch (...) {
-    settleDependencies(id);
+    settleDependencies(hashed);
     throw;
   }
-  settleDependencies(id);
+  settleDependencies(hashed);
 
   if (!fibEntry.vias().empty()) {
     mplsTunnelFib_->entryIs(std::move(fibEntry));
@@ -565,16 +566,15 @@ void MplsTunnelFibSm::drainTunnelBacklog() {
       // key may be uninitialized.
       auto ahead = tunnelForReview_.iterFrom(it.key());
       for (std::uint64_t i = 0; i < 2 * kReadAhead && !(ahead == tunnelForReview_.end()); ++i, ++ahead) {
-        if (readAheadNear || i >= kReadAhead) prefetchReview(ahead.key());
+        if (readAheadNear || i >= kReadAhead) prefetchReview(ahead.hashed());
       }
       untilReadAhead = kReadAhead;
       readAheadNear = false;
     }
     --untilReadAhead;
-    TunnelId const id = it.key();
     // The review may queue other ids (through the FIB notification); the
     // iterator survives that and finds its place again.
-    updateTunnelFibEntry(id);
+    reviewTunnel(it.hashed());
     ++reviewed;
     // Reviews only ever add to the backlog, so the iterator still finds the
     // id; erasing through it spares looking the id up again.

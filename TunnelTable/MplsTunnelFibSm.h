@@ -248,7 +248,7 @@ class MplsTunnelFibSm : public Vela::Entity {
   // id's tunnel type; the empty entry when absent or of no MPLS table's type.
   TunnelTableEntry tunnelTableEntry(TunnelId const& id) const;
   // Recomputes the FIB entry of one tunnel and its dependencies.
-  void updateTunnelFibEntry(TunnelId const& id);
+  void updateTunnelFibEntry(TunnelId const& id) { reviewTunnel(HashedId(id)); }
   // The review task's run handler.
   void drainTunnelBacklog();
   void scheduleTunnelReview();
@@ -284,15 +284,18 @@ class MplsTunnelFibSm : public Vela::Entity {
   // Calls f with the entry of `id` in the table of its tunnel type, if it has
   // one; returns whether it had. False for the types of no table.
   template <class F>
-  bool withTableEntry(TunnelId const& id, F&& f) const;
-  // Step 3 of a review: fills `fibEntry` from the table entry of its tunnel;
-  // sets `gone` when the table has no entry for it.
-  void resolveTunnel(Vela::Ptr<MplsTunnelFibSm> const& self, MplsTunnelFibEntry& fibEntry, bool& gone);
+  bool withTableEntry(HashedId const& id, F&& f) const;
+  // updateTunnelFibEntry(), with the id's hash at hand (the backlog keeps it).
+  void reviewTunnel(HashedId const& id);
+  // Step 3 of a review: fills `fibEntry` from the table entry of its tunnel
+  // `id`; sets `gone` when the table has no entry for it.
+  void resolveTunnel(Vela::Ptr<MplsTunnelFibSm> const& self, HashedId const& id, MplsTunnelFibEntry& fibEntry,
+                     bool& gone);
   // Starts loading the blocks the review of `id` will read (see drainTunnelBacklog()).
-  void prefetchReview(TunnelId const& id) const;
+  void prefetchReview(HashedId const& id) const;
   // Ends the review of `id`: writes what its resolution recorded into the
   // dependency maps, touching only what changed (see the .cpp).
-  void settleDependencies(TunnelId const& id);
+  void settleDependencies(HashedId const& id);
 
   Vela::Ptr<MplsTunnelFib> mplsTunnelFib_;
   Vela::Ptr<TunnelIdColl> unprogrammableTunnelId_;

@@ -101,6 +101,8 @@ struct Hash;
 template <class K, class H = Hash<K>>
 struct Hashed {
   explicit Hashed(K const& k) : key(k), rev(bitReverse32(static_cast<std::uint32_t>(H()(k)))) {}
+  // For a collection that keeps its members' reversed hashes.
+  Hashed(K const& k, std::uint32_t reversed) : key(k), rev(reversed) {}
   K key;
   std::uint32_t rev;
 };

@@ -172,6 +172,8 @@ class HashMap {
           key_(o.key_) {}
 
     K const& key() const { return member().key; }
+    // The key with its reversed hash, as the map keeps them.
+    Hashed<K, H> hashed() const { return Hashed<K, H>(member().key, map_->revs_[idx_]); }
     ValueRef value() const { return member().value; }
     reference operator*() const {
       auto& m = member();
