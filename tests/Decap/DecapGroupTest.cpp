@@ -111,11 +111,6 @@ TEST(DecapEntityTest, NewEntitiesStartEmpty) {
   auto status = Hardware::statusFactory("hw");
   EXPECT_FALSE(status->decapIpSrcSupported(TunnelDecapIpSrc::intf));
   EXPECT_FALSE(status->decapTunnelTypeSupported(TunnelType::gre));
-  status->decapTunnelTypeSupportedIs(TunnelType::gre, true);
-  status->decapIpSrcSupportedIs(TunnelDecapIpSrc::ip, true);
-  EXPECT_TRUE(status->decapTunnelTypeSupported(TunnelType::gre));
-  EXPECT_FALSE(status->decapTunnelTypeSupported(TunnelType::ipip));
-  EXPECT_TRUE(status->decapIpSrcSupported(TunnelDecapIpSrc::ip));
 }
 
 TEST(DecapEntityTest, GroupsAreOwnedByTheirInput) {

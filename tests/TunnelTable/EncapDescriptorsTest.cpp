@@ -177,16 +177,5 @@ TEST(IpsecTunnelInfoTest, QueueAppendsAtTailRemovesAtHeadAndKeepsItsIndexes) {
   EXPECT_NE(fresh, info);
 }
 
-TEST(IpsecTunnelInfoTest, FullIndexSpaceRefusesAppend) {
-  IpsecTunnelInfo info;
-  for (int i = 0; i < 256; ++i) info.saEncapPush(sa(static_cast<std::uint32_t>(i)));
-  EXPECT_EQ(thrownText<Vela::RangeException>([&] { info.saEncapPush(sa(256)); }),
-            "linkqueue index space full");
-  EXPECT_EQ(info.saEncaps().size(), 256u);
-  info.saEncapPop();
-  EXPECT_EQ(info.saEncapPush(sa(256)), 0);  // the index wrapped around
-  EXPECT_EQ(info.saEncap(0).spi(), 256u);
-}
-
 }  // namespace
 }  // namespace Tunnel

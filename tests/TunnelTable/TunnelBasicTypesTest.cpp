@@ -205,12 +205,11 @@ TEST(TunnelIdTest, HashIsJenkinsOneAtATimeOverTheEightValueBytes) {
   std::mt19937_64 rng(seed);
   for (int i = 0; i < 1000; ++i) {
     std::uint64_t const v = rng() & TunnelId::maxValue;
-    TunnelId const id(v), same(v);
+    TunnelId const id(v);
     ASSERT_EQ(id.hash(), jenkinsOneAtATime(&v, sizeof v)) << v;
     // The collections and std containers must use this very hash.
     ASSERT_EQ(Vela::hashOf(id), id.hash());
     ASSERT_EQ(std::hash<TunnelId>()(id), id.hash());
-    ASSERT_EQ(same.hash(), id.hash());
   }
 }
 
@@ -243,7 +242,6 @@ TEST(EnumerationsTest, TunnelTypesAndTheValuesWithoutAnEnumerator) {
 // --- EncapId -----------------------------------------------------------------
 
 TEST(EncapIdTest, LayoutAndCheckedMutator) {
-  EXPECT_EQ(EncapIdConstants(), EncapIdConstants());
   EXPECT_EQ(Vela::valueToStrep(EncapIdConstants()), "Value('Tunnel::TunnelTable::EncapIdConstants', ** {})");
 
   EncapId id;
@@ -295,7 +293,6 @@ TEST(Id64Test, DecimalTextAndOrder) {
   EXPECT_EQ(Vela::parseValue<Id64>("42"), Id64(42));
   EXPECT_EQ(Id64(), Id64(0));
   EXPECT_LT(Id64(2), Id64(10));
-  EXPECT_EQ(Vela::hashOf(Id64(7)), Vela::hashOf(Id64(7)));
 }
 
 TEST(Id64AllocatorTest, HandsOutOneTwoThreeAndNotifiesEachStep) {

@@ -1,5 +1,5 @@
-// The bundled examples, end to end: each is played in-process and by the
-// tunnel-agent binary, and compared with examples/expected/<name>.txt. The
+// The bundled examples, end to end: each is played by the tunnel-agent
+// binary and compared with examples/expected/<name>.txt. The
 // expected outputs were worked out by hand from the library's rules (tunnel
 // RIB selection by table preference with the fixed fallback order, via
 // flattening, unprogrammable tunnels leaving the RIB, stale-entry cleanup at
@@ -54,16 +54,6 @@ Result runBinary(std::string const& args, std::string const& input = "") {
 }
 
 class ExamplesTest : public ::testing::TestWithParam<std::string> {};
-
-TEST_P(ExamplesTest, InProcessRunMatchesTheExpectedOutput) {
-  RunOptions options;
-  options.file = sourceDir + "/examples/" + GetParam() + ".json";
-  options.clock = Vela::make<Quay::ManualClock>();
-  std::ostringstream out, err;
-  EXPECT_EQ(runCommand(options, out, err), exitOk) << err.str();
-  EXPECT_EQ(err.str(), "");
-  EXPECT_EQ(out.str(), readFile(sourceDir + "/examples/expected/" + GetParam() + ".txt"));
-}
 
 TEST_P(ExamplesTest, BinaryRunMatchesTheExpectedOutput) {
   Result const r = runBinary("run examples/" + GetParam() + ".json");

@@ -76,45 +76,35 @@ TEST(IntfIdTest, OrdersPortsNaturally) {
 }
 
 TEST(IntfIdTest, RejectsBadNames) {
-  struct Case {
-    char const* name;
-    char const* why;
-  };
-  for (auto const& c : std::initializer_list<Case>{
-           {"Ethernet", "missing port number"},
-           {"Ethernet3/0", "port number 0 out of range (1..255)"},
-           {"Ethernet3/", "missing port number"},
-           {"Ethernet65536", "port number 65536 out of range (0..65535)"},
-           {"Ethernet1/256", "port number 256 out of range (1..255)"},
-           {"Ethernet1/1/1/1", "unexpected trailing text '/1'"},
-           {"Ethernet01", "leading zero"},
-           {"Ethernet1 ", "unexpected trailing text ' '"},
-           {"Ethernet1.100", "unexpected trailing text '.100'"},
-           {"Ethernet-1", "expected port number at '-1'"},
-           {"ethernet1", "unknown interface type"},
-           {"Foo1", "unknown interface type"},
-           {" Ethernet1", "unknown interface type"},
-           {"Vlan0", "VLAN number 0 out of range (1..4094)"},
-           {"Vlan4095", "VLAN number 4095 out of range"},
-           {"Port-Channel4294967296", "interface number 4294967296 out of range (0..4294967295)"},
-           {"Intf", "missing interface number"},
-           {"Intf18446744073709551616", "out of range"},
-           {"DynamicTunnel33554432.0", "part 1 33554432 out of range (0..33554431)"},
-           {"DynamicTunnel0.8388608", "part 0 8388608 out of range (0..8388607)"},
-           {"DynamicTunnel1", "missing '.' after part 1"},
-           {"DynamicTunnel1.", "missing part 0"},
-           {"DynamicTunnel1.2.3", "unexpected trailing text '.3'"},
-           {"DynamicTunnel1:2", "expected '.' after part 1"},
-           {"GenericIntf58.1.2", "type id 58 is written DynamicTunnel"},
-           {"GenericIntf0.1.2", "type id 0 out of range (1..255)"},
-           {"GenericIntf256.1.2", "type id 256 out of range"},
-           {"GenericIntf1.268435456.0", "part 1 268435456 out of range (0..268435455)"},
-       }) {
-    SCOPED_TRACE(c.name);
-    expectRangeError([&] { IntfId::fromStrep(c.name); },
-                     std::string("invalid interface name '") + c.name + "'");
-    expectRangeError([&] { IntfId::fromStrep(c.name); }, c.why);
-  }
+  expectRejected("interface name", [](auto t) { IntfId::fromStrep(t); },
+                 {{"Ethernet", "missing port number"},
+                  {"Ethernet3/0", "port number 0 out of range (1..255)"},
+                  {"Ethernet3/", "missing port number"},
+                  {"Ethernet65536", "port number 65536 out of range (0..65535)"},
+                  {"Ethernet1/256", "port number 256 out of range (1..255)"},
+                  {"Ethernet1/1/1/1", "unexpected trailing text '/1'"},
+                  {"Ethernet01", "leading zero"},
+                  {"Ethernet1 ", "unexpected trailing text ' '"},
+                  {"Ethernet1.100", "unexpected trailing text '.100'"},
+                  {"Ethernet-1", "expected port number at '-1'"},
+                  {"ethernet1", "unknown interface type"},
+                  {"Foo1", "unknown interface type"},
+                  {" Ethernet1", "unknown interface type"},
+                  {"Vlan0", "VLAN number 0 out of range (1..4094)"},
+                  {"Vlan4095", "VLAN number 4095 out of range"},
+                  {"Port-Channel4294967296", "interface number 4294967296 out of range (0..4294967295)"},
+                  {"Intf", "missing interface number"},
+                  {"Intf18446744073709551616", "out of range"},
+                  {"DynamicTunnel33554432.0", "part 1 33554432 out of range (0..33554431)"},
+                  {"DynamicTunnel0.8388608", "part 0 8388608 out of range (0..8388607)"},
+                  {"DynamicTunnel1", "missing '.' after part 1"},
+                  {"DynamicTunnel1.", "missing part 0"},
+                  {"DynamicTunnel1.2.3", "unexpected trailing text '.3'"},
+                  {"DynamicTunnel1:2", "expected '.' after part 1"},
+                  {"GenericIntf58.1.2", "type id 58 is written DynamicTunnel"},
+                  {"GenericIntf0.1.2", "type id 0 out of range (1..255)"},
+                  {"GenericIntf256.1.2", "type id 256 out of range"},
+                  {"GenericIntf1.268435456.0", "part 1 268435456 out of range (0..268435455)"}});
   expectRangeError([] { IntfId::ethernet(1, 0, 2); }, "the third needs the second");
   expectRangeError([] { IntfId::ethernet(65536); }, "invalid Ethernet port numbers 65536/0/0");
   expectRangeError([] { IntfId::vlan(4095); }, "invalid VLAN interface number 4095");

@@ -8,6 +8,7 @@
 #include <exception>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "framework/Vela/Exception.h"
 
@@ -51,5 +52,22 @@ void expectRangeError(F&& f, std::string const& fragment) {
     ADD_FAILURE() << "no RangeException; expected one mentioning \"" << fragment << "\"";
   } catch (Vela::RangeException const& e) {
     EXPECT_NE(std::string(e.what()).find(fragment), std::string::npos) << e.what();
+  }
+}
+
+// A text a parser must refuse, and a fragment of the reason it gives.
+struct RejectedText {
+  char const* text;
+  char const* why;
+};
+
+// `parse` refuses each text with a RangeException that names it an invalid
+// `what` and gives its reason.
+template <class Parse>
+void expectRejected(std::string const& what, Parse&& parse, std::vector<RejectedText> const& cases) {
+  for (RejectedText const& c : cases) {
+    SCOPED_TRACE(c.text);
+    expectRangeError([&] { parse(c.text); }, "invalid " + what + " '" + c.text + "'");
+    expectRangeError([&] { parse(c.text); }, c.why);
   }
 }

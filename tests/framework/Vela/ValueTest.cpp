@@ -53,14 +53,11 @@ Demo::Label sample() {
   return l;
 }
 
-TEST(ValueTest, TextualFormListsFieldsInDeclarationOrder) {
-  EXPECT_EQ(Vela::valueToStrep(sample()),
+TEST(ValueTest, TextualFormListsFieldsInDeclarationOrderAndParsesBack) {
+  auto const l = sample();
+  EXPECT_EQ(Vela::valueToStrep(l),
             "Value('Demo::Label', ** {'x': -3, 'y': 200, 'text': 'it\\'s \\\\ here', 'colour': green, "
             "'visible': True, 'weight': 0.25, 'at': Value('Demo::Point', ** {'x': 9, 'y': 0})})");
-}
-
-TEST(ValueTest, ParseReadsTheTextualFormBack) {
-  auto const l = sample();
   EXPECT_EQ(Vela::parseValue<Demo::Label>(Vela::valueToStrep(l)), l);
 }
 
