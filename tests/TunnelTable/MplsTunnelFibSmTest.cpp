@@ -251,7 +251,6 @@ TEST_F(MplsTunnelFibSmTest, SwitchedOffNotificationsQueueNothing) {
   w.start();
   w.drain();
   w.sm->hasNotificationActiveIs(false);
-  EXPECT_FALSE(w.sm->hasNotificationActive());
   w.addLdp(ldpId(1), {mplsVia("10.0.0.1", eth(1), {16})});
   EXPECT_TRUE(w.sm->tunnelForReviews().empty());
   w.sm->hasNotificationActiveIs(true);
@@ -260,22 +259,6 @@ TEST_F(MplsTunnelFibSmTest, SwitchedOffNotificationsQueueNothing) {
 }
 
 // --- resolution ----------------------------------------------------------------------------------
-
-TEST_F(MplsTunnelFibSmTest, BgpLuOverLdpGetsEveryLdpViaWithBothStacks) {
-  w.addLdp(ldpId(1), {mplsVia("10.0.0.1", eth(1), {16}), mplsVia("10.0.0.2", eth(2), {17}),
-                      mplsVia("10.0.0.3", eth(3), {18, 19})});
-  w.addBgpLu(bgpLuId(1), push({100}), {ldpId(1)});
-  w.start();
-  w.drain();
-  EXPECT_EQ(fibViasOf(w, bgpLuId(1)),
-            viaSet({mplsVia("10.0.0.1", eth(1), {100, 16}), mplsVia("10.0.0.2", eth(2), {100, 17}),
-                    mplsVia("10.0.0.3", eth(3), {100, 18, 19})}));
-  EXPECT_EQ(members(w.sm->directlyDependentTunnels(ldpId(1))), ids({bgpLuId(1)}));
-  EXPECT_EQ(members(w.sm->tunnelsDirectlyDependingOn(bgpLuId(1))), ids({ldpId(1)}));
-  EXPECT_EQ(members(w.sm->resolvedByTunnels(bgpLuId(1))), ids({ldpId(1)}));
-  EXPECT_FALSE(w.sm->resolvedByTunnelss().contains(ldpId(1)));
-  expectConsistentMaps(*w.sm);
-}
 
 TEST_F(MplsTunnelFibSmTest, ChainOfThreeIsFlattenedBottomUpAndChangesClimbOneLevelPerReview) {
   // static -> BGP LU -> LDP -> Ethernet1
@@ -301,11 +284,17 @@ TEST_F(MplsTunnelFibSmTest, ChainOfThreeIsFlattenedBottomUpAndChangesClimbOneLev
   EXPECT_EQ(cap.count("  handleTunnelFibEntry tunnelId: " + str(ldpId(1))), 1u);
 }
 
+// Only flattened vias count towards the limit of six labels, and only the
+// overlong ones are dropped.
 TEST_F(MplsTunnelFibSmTest, FlattenedStackKeepsOuterLabelsFirstAndStopsAtSix) {
   w.addLdp(ldpId(1), {mplsVia("10.0.0.1", eth(1), {11, 12, 13, 14})});
   w.addLdp(ldpId(2), {mplsVia("10.0.0.2", eth(2), {21, 22, 23, 24, 25})});
+  w.addLdp(ldpId(3), {mplsVia("10.0.0.1", eth(1), {11}), mplsVia("10.0.0.2", eth(2), {21, 22, 23, 24, 25}),
+                      mplsVia("10.0.0.3", eth(3), {})});
   w.addBgpLu(bgpLuId(1), push({1, 2}), {ldpId(1)});
   w.addBgpLu(bgpLuId(2), push({1, 2}), {ldpId(2)});
+  w.addBgpLu(bgpLuId(3), push({1, 2}), {ldpId(3)});
+  w.addBgpLu(bgpLuId(4), push({1, 2, 3, 4, 5, 6}), {}, {Via(nh("10.0.0.1"), eth(1))});
   w.start();
   Skein::CaptureSink cap(7);
   w.drain();
@@ -327,27 +316,13 @@ TEST_F(MplsTunnelFibSmTest, FlattenedStackKeepsOuterLabelsFirstAndStopsAtSix) {
   EXPECT_FALSE(w.inFib(bgpLuId(2)));
   EXPECT_TRUE(w.isUnprogrammable(bgpLuId(2)));
   EXPECT_EQ(members(w.sm->resolvedByTunnels(bgpLuId(2))), ids({ldpId(2)}));
-}
 
-TEST_F(MplsTunnelFibSmTest, OnlyTheOverlongInnerViasAreDropped) {
-  w.addLdp(ldpId(1), {mplsVia("10.0.0.1", eth(1), {11}), mplsVia("10.0.0.2", eth(2), {21, 22, 23, 24, 25}),
-                      mplsVia("10.0.0.3", eth(3), {})});
-  w.addBgpLu(bgpLuId(1), push({1, 2}), {ldpId(1)});
-  w.start();
-  w.drain();
-  EXPECT_EQ(fibViasOf(w, bgpLuId(1)),
+  // Of several inner vias only the overlong one is dropped.
+  EXPECT_EQ(fibViasOf(w, bgpLuId(3)),
             viaSet({mplsVia("10.0.0.1", eth(1), {1, 2, 11}), mplsVia("10.0.0.3", eth(3), {1, 2})}));
-  EXPECT_FALSE(w.isUnprogrammable(bgpLuId(1)));
-}
-
-TEST_F(MplsTunnelFibSmTest, DirectViasAreNeverCheckedForStackDepth) {
-  BgpLuTunnelTableEntry e(bgpLuId(1));
-  e.labelsIs(push({1, 2, 3, 4, 5, 6}));
-  e.viaIs(Via(nh("10.0.0.1"), eth(1)), true);
-  w.bgpLu->entryIs(e);
-  w.start();
-  w.drain();
-  EXPECT_EQ(fibViasOf(w, bgpLuId(1)), viaSet({mplsVia("10.0.0.1", eth(1), {1, 2, 3, 4, 5, 6})}));
+  EXPECT_FALSE(w.isUnprogrammable(bgpLuId(3)));
+  // Direct vias are never checked for stack depth.
+  EXPECT_EQ(fibViasOf(w, bgpLuId(4)), viaSet({mplsVia("10.0.0.1", eth(1), {1, 2, 3, 4, 5, 6})}));
 }
 
 TEST_F(MplsTunnelFibSmTest, FlatteningKeepsTheOuterOperationAndItsHiddenSlots) {
@@ -750,11 +725,7 @@ TEST_F(MplsTunnelFibSmTest, UnsupportedTunnelTypesAreAFatalAssertion) {
     TunnelId const id(std::uint64_t(type) << 44 | 1);
     EXPECT_EQ(assertionText([&] { w.sm->updateTunnelFibEntry(id); }), "0 && \"Unsupported tunnel type\"");
   }
-}
-
-TEST_F(MplsTunnelFibSmTest, UnsupportedTunnelTypeInATableAssertsInTheTask) {
-  w.start();
-  w.drain();
+  // Queued from a table, it asserts in the review task.
   LdpSrTunnelTableEntry e(makeId(TunnelType::nexthopTunnel, 3));
   e.viaIs(mplsVia("10.0.0.1", eth(1), {16}), true);
   w.ldp->entryIs(e);
@@ -808,19 +779,6 @@ TEST_F(MplsTunnelFibSmTest, ResolutionWritesOnlyTheEntryUnderConstruction) {
   // The bookkeeping is the state machine's.
   EXPECT_TRUE(w.sm->directlyDependentTunnels(ldpId(1)).contains(bgpLuId(5)));
   EXPECT_TRUE(w.sm->resolvedByTunnels(bgpLuId(5)).contains(ldpId(1)));
-}
-
-TEST_F(MplsTunnelFibSmTest, HandleTunnelFibEntryTracesAndQueuesTheDirectDependents) {
-  w.addLdp(ldpId(1), {mplsVia("10.0.0.1", eth(1), {16})});
-  w.addBgpLu(bgpLuId(1), push({100}), {ldpId(1)});
-  w.start();
-  w.drain();
-  Skein::CaptureSink cap(8);
-  w.sm->handleTunnelFibEntry(ldpId(1));
-  EXPECT_EQ(cap.lines().front().text, "  handleTunnelFibEntry tunnelId: " + str(ldpId(1)));
-  EXPECT_TRUE(w.sm->tunnelForReview(bgpLuId(1)));
-  EXPECT_FALSE(w.sm->tunnelForReview(ldpId(1)));
-  EXPECT_TRUE(w.sm->task()->taskScheduled());
 }
 
 }  // namespace

@@ -69,15 +69,8 @@ struct Holder : Vela::ValueTag {
   Vela::ValueSet<Key> set;
 };
 
-TEST(ValueSetTest, IsCompactAndAllocatesNothingWhenEmpty) {
-  // One pointer and two counters: a via set costs 16 bytes in every entry.
-  EXPECT_EQ(sizeof(Vela::ValueSet<Key>), 16u);
-  Vela::ValueSet<Key> s;
-  EXPECT_TRUE(s.empty());
-  EXPECT_EQ(s.begin(), s.end());
-  EXPECT_FALSE(s.contains(Key{1}));
-  EXPECT_FALSE(s.erase(Key{1}));
-}
+// One pointer and two counters: a via set costs 16 bytes in every entry.
+TEST(ValueSetTest, IsCompact) { EXPECT_EQ(sizeof(Vela::ValueSet<Key>), 16u); }
 
 // Runs through the one-member, small and large forms and back, in both
 // directions, reserving now and then, comparing with std::set.
@@ -92,7 +85,9 @@ void matchModel() {
     // Few distinct keys, so that the set keeps crossing the switch both ways.
     std::uint64_t const v = rng() % 14;
     if (rng() % 2) {
-      EXPECT_EQ(s.insert(K{v}), model.insert(v).second);
+      // With its hash worked out or not, a key goes to the same place.
+      bool const inserted = rng() % 2 ? s.insert(Vela::Hashed<K>(K{v})) : s.insert(K{v});
+      EXPECT_EQ(inserted, model.insert(v).second);
     } else {
       EXPECT_EQ(s.erase(K{v}), model.erase(v) == 1);
     }
@@ -103,7 +98,10 @@ void matchModel() {
       Vela::HashMap<K, bool> reference;
       for (auto v2 : model) reference.insertOrAssign(K{v2}, true);
       ASSERT_EQ(members(s), mapKeys(reference)) << "step " << step;
-      for (std::uint64_t k = 0; k < 14; ++k) EXPECT_EQ(s.contains(K{k}), model.count(k) == 1);
+      for (std::uint64_t k = 0; k < 14; ++k) {
+        EXPECT_EQ(s.contains(K{k}), model.count(k) == 1);
+        EXPECT_EQ(s.contains(Vela::Hashed<K>(K{k})), model.count(k) == 1);
+      }
       Vela::ValueSet<K> const copy = s;
       ASSERT_EQ(members(copy), members(s)) << "step " << step;
     }
