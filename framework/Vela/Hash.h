@@ -94,6 +94,9 @@ concept HasHashMember = requires(K const& k) {
 template <class K>
 struct Hash;
 
+template <class K, class V, class H, class Eq>
+class HashMap;
+
 // A key with its bit-reversed hash (the collections' order, HashMap.h)
 // worked out once: for code that finds the same key in several maps and
 // sets hashing it with H. Their Hashed overloads take the stored order as
@@ -101,10 +104,14 @@ struct Hash;
 template <class K, class H = Hash<K>>
 struct Hashed {
   explicit Hashed(K const& k) : key(k), rev(bitReverse32(static_cast<std::uint32_t>(H()(k)))) {}
-  // For a collection that keeps its members' reversed hashes.
-  Hashed(K const& k, std::uint32_t reversed) : key(k), rev(reversed) {}
   K key;
   std::uint32_t rev;
+
+ private:
+  // A map's iterator hands out the reversed hash it keeps for the member.
+  template <class, class, class, class>
+  friend class HashMap;
+  Hashed(K const& k, std::uint32_t reversed) : key(k), rev(reversed) {}
 };
 
 template <HasHashMember K>
