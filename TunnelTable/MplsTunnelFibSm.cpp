@@ -398,7 +398,8 @@ void MplsTunnelFibSm::settleDependencies(HashedId const& self) {
         directlyDependentTunnelsDel(t, id);
     }
   }
-  for (HashedId const& t : reviewInners_) {  // some only when there is a record
+  // Inner tunnels were recorded only if `keep`, so there is a record.
+  for (HashedId const& t : reviewInners_) {
     if (!record->tunnelsDirectlyDependingOn.contains(t)) {
       directlyDependentTunnels_.tryEmplace(t).first.value().insert(self);
     }

@@ -34,6 +34,8 @@ namespace Tunnel::TunnelTable {
 
 // The ids of a tunnel RIB entry: one to a few, so kept in a small set.
 using TunnelIdSet = Vela::ValueCollection<TunnelId, bool, Vela::ValueSet<TunnelId>>;
+// A TEP with its hash, for code that finds it in several TEP-keyed maps.
+using HashedTep = Vela::Hashed<Nimbo::IpGenPrefix>;
 
 // The tunnels that reach one TEP. All ids are of one TunnelType, and an entry
 // without ids is removed by its writer.
@@ -83,9 +85,11 @@ class TunnelRib : public Vela::Entity {
 
   // The entry of `tep`, null when absent.
   Vela::Ptr<TunnelRibEntry> entry(Nimbo::IpGenPrefix const& tep) const { return entry_.get(tep); }
+  Vela::Ptr<TunnelRibEntry> entry(HashedTep const& tep) const { return entry_.get(tep); }
   // Creates the entry of `tep`, or returns the one there is.
   Vela::Ptr<TunnelRibEntry> entryIs(Nimbo::IpGenPrefix const& tep) { return entry_.newMember(tep); }
   Vela::Ptr<TunnelRibEntry> newEntry(Nimbo::IpGenPrefix const& tep) { return entry_.newMember(tep); }
+  Vela::Ptr<TunnelRibEntry> newEntry(HashedTep const& tep) { return entry_.newMember(tep); }
   void entryDel(Nimbo::IpGenPrefix const& tep) { entry_.del(tep); }
   void entryDelAll() { entry_.delAll(); }
   Vela::EntityCollection<Nimbo::IpGenPrefix, TunnelRibEntry> const& entrys() const { return entry_; }

@@ -292,7 +292,7 @@ bool TunnelRibSm::skipUnprogrammable(std::string_view fn, TunnelId const& id) co
 
 void TunnelRibSm::enterOrWithdraw(TunnelId const& id, TunnelTableEntry const* entry) {
   if (entry) {
-    Nimbo::IpGenPrefix const tep = entry->tep();
+    HashedTep const tep = entry->tep();
     // Entering a tunnel touches a slot in each of these maps, far apart in
     // memory: ask for all of them now rather than one after the other.
     tunnelIdToTep_.prefetch(id);
@@ -417,12 +417,11 @@ void TunnelRibSm::handleBgpConvergence() {
 
 // --- workers -------------------------------------------------------------------------------------------
 
-void TunnelRibSm::doUpdateLocalCollectionsAndTunnelRib(TunnelId const& id, Nimbo::IpGenPrefix const& tep,
-                                                       bool add) {
+void TunnelRibSm::doUpdateLocalCollectionsAndTunnelRib(TunnelId const& id, HashedTep const& tep, bool add) {
   SKEIN_TRACE(8, kFnDoUpdateLocalCollectionsAndTunnelRib << " for tunnel id " << id << ", tep " << tep
                                                          << ", add: " << add);
   if (add) {
-    tunnelIdToTep_.insertOrAssign(id, TunnelIdToTepEntry(id, tep));
+    tunnelIdToTep_.insertOrAssign(id, TunnelIdToTepEntry(id, tep.key));
   } else {
     tunnelIdToTep_.erase(id);
   }
@@ -442,7 +441,7 @@ void TunnelRibSm::doUpdateLocalCollectionsAndTunnelRib(TunnelId const& id, Nimbo
                         << ", TEP " << tep);
     // Deliberately by count: an entry holding one id goes, whichever id that is.
     if (protoEntry->tunnelIds().size() == 1) {
-      protoRib.entryDel(tep);
+      protoRib.entryDel(tep.key);
     } else {
       protoEntry->tunnelIdDel(id);
     }
@@ -450,7 +449,7 @@ void TunnelRibSm::doUpdateLocalCollectionsAndTunnelRib(TunnelId const& id, Nimbo
   doUpdateTunnelRibEntry(id, tep, add);
 }
 
-void TunnelRibSm::doUpdateTunnelRibEntry(TunnelId const& id, Nimbo::IpGenPrefix const& tep, bool add) {
+void TunnelRibSm::doUpdateTunnelRibEntry(TunnelId const& id, HashedTep const& tep, bool add) {
   SKEIN_TRACE(8, kFnDoUpdateTunnelRibEntry);
   Vela::Ptr<TunnelRibEntry> ribEntry = tunnelRib_->entry(tep);
   if (add) {
@@ -478,7 +477,7 @@ void TunnelRibSm::doUpdateTunnelRibEntry(TunnelId const& id, Nimbo::IpGenPrefix 
                          << first.tunnelType() << " as the entry from table: " << id.tunnelType()
                          << " is more preferred.");
       SKEIN_TRACE(8, "New ID is: " << id);
-      tunnelRib_->entryDel(tep);
+      tunnelRib_->entryDel(tep.key);
       addTunnelId(*tunnelRib_->newEntry(tep), id, tep);
       return;
     }
@@ -491,18 +490,18 @@ void TunnelRibSm::doUpdateTunnelRibEntry(TunnelId const& id, Nimbo::IpGenPrefix 
   SKEIN_TRACE(8, "Deleting Tunnel RIB entry tep: " << tep << " id: " << id);
   if (!ribEntry || !ribEntry->tunnelIds().contains(id)) return;
   if (ribEntry->tunnelIds().size() == 1) {
-    tunnelRib_->entryDel(tep);
-    tunRibMetricTunId_.erase(tep);
+    tunnelRib_->entryDel(tep.key);
+    tunRibMetricTunId_.erase(tep.key);
     doSelectBestAndUpdateTunnelRib(tep);
     return;
   }
   ribEntry->tunnelIdDel(id);
-  if (id.tunnelType() == TunnelType::bgpLuTunnel && tunRibMetricTunId(tep) == id) {
+  if (id.tunnelType() == TunnelType::bgpLuTunnel && tunRibMetricTunId(tep.key) == id) {
     doUpdateTunRibMetric(tep);
   }
 }
 
-void TunnelRibSm::doSelectBestAndUpdateTunnelRib(Nimbo::IpGenPrefix const& tep) {
+void TunnelRibSm::doSelectBestAndUpdateTunnelRib(HashedTep const& tep) {
   SKEIN_TRACE(8, kFnDoSelectBestAndUpdateTunnelRib);
   // Deliberately the fixed protocol order, not the tables' preferences.
   for (TunnelType const type : kProtocolOrder) {
@@ -524,8 +523,8 @@ void TunnelRibSm::doSelectBestAndUpdateTunnelRib(Nimbo::IpGenPrefix const& tep) 
   SKEIN_TRACE(8, "No table entry is contributing for tep: " << tep);
 }
 
-void TunnelRibSm::copyBgpLuMetrics(TunnelRibEntry& ribEntry, TunnelId const& id,
-                                   Nimbo::IpGenPrefix const& tep, bool traced) {
+void TunnelRibSm::copyBgpLuMetrics(TunnelRibEntry& ribEntry, TunnelId const& id, HashedTep const& tep,
+                                   bool traced) {
   auto const* luEntry = findEntry(bgpLuTable(), id);
   VELA_ASSERT_TEXT(isContributing(luEntry), "!!luEntry && luEntry.contribution() == contributing()");
   if (traced) {
@@ -540,13 +539,13 @@ void TunnelRibSm::copyBgpLuMetrics(TunnelRibEntry& ribEntry, TunnelId const& id,
   tunRibMetricTunId_.insertOrAssign(tep, id);
 }
 
-void TunnelRibSm::doAddTunnelId(TunnelId const& id, Nimbo::IpGenPrefix const& tep) {
+void TunnelRibSm::doAddTunnelId(TunnelId const& id, HashedTep const& tep) {
   Vela::Ptr<TunnelRibEntry> ribEntry = tunnelRib_->entry(tep);
   VELA_ASSERT(ribEntry);  // the caller made the entry
   addTunnelId(*ribEntry, id, tep);
 }
 
-void TunnelRibSm::addTunnelId(TunnelRibEntry& ribEntry, TunnelId const& id, Nimbo::IpGenPrefix const& tep) {
+void TunnelRibSm::addTunnelId(TunnelRibEntry& ribEntry, TunnelId const& id, HashedTep const& tep) {
   SKEIN_TRACE(8, kFnDoAddTunnelId);
   TunnelType const type = id.tunnelType();
   if (type == TunnelType::bgpLuTunnel) {
@@ -563,7 +562,7 @@ void TunnelRibSm::addTunnelId(TunnelRibEntry& ribEntry, TunnelId const& id, Nimb
   ribEntry.tunnelIdIs(id, true);
 }
 
-void TunnelRibSm::doUpdateTunRibMetric(Nimbo::IpGenPrefix const& tep) {
+void TunnelRibSm::doUpdateTunRibMetric(HashedTep const& tep) {
   SKEIN_TRACE(8, kFnDoUpdateTunRibMetric);
   Vela::Ptr<TunnelRibEntry> ribEntry = tunnelRib_->entry(tep);
   if (!ribEntry || ribEntry->tunnelIds().empty()) return;

@@ -101,11 +101,13 @@ class TunnelRibSm : public Vela::Entity {
   // doUpdateLocalCollectionsAndTunnelRib, which calls doUpdateTunnelRibEntry,
   // which calls doAddTunnelId, doSelectBestAndUpdateTunnelRib or
   // doUpdateTunRibMetric.
-  void doUpdateLocalCollectionsAndTunnelRib(TunnelId const& id, Nimbo::IpGenPrefix const& tep, bool add);
-  void doUpdateTunnelRibEntry(TunnelId const& id, Nimbo::IpGenPrefix const& tep, bool add);
-  void doSelectBestAndUpdateTunnelRib(Nimbo::IpGenPrefix const& tep);
-  void doAddTunnelId(TunnelId const& id, Nimbo::IpGenPrefix const& tep);
-  void doUpdateTunRibMetric(Nimbo::IpGenPrefix const& tep);
+  // (Each takes the TEP with its hash, worked out once for the maps keyed
+  // by it; a plain TEP converts.)
+  void doUpdateLocalCollectionsAndTunnelRib(TunnelId const& id, HashedTep const& tep, bool add);
+  void doUpdateTunnelRibEntry(TunnelId const& id, HashedTep const& tep, bool add);
+  void doSelectBestAndUpdateTunnelRib(HashedTep const& tep);
+  void doAddTunnelId(TunnelId const& id, HashedTep const& tep);
+  void doUpdateTunRibMetric(HashedTep const& tep);
   // The tablePref of the id's protocol table; lower is preferred. 0 (which
   // wins every comparison) for a tunnel type outside the four protocols.
   std::uint8_t getPreference(TunnelId const& id) const;
@@ -148,11 +150,10 @@ class TunnelRibSm : public Vela::Entity {
   // ids arriving in the table's hash order do not pile up in a small table.
   void reserveForScan(std::size_t count);
   // doAddTunnelId on the tunnel RIB entry of `tep`, already at hand.
-  void addTunnelId(TunnelRibEntry& ribEntry, TunnelId const& id, Nimbo::IpGenPrefix const& tep);
+  void addTunnelId(TunnelRibEntry& ribEntry, TunnelId const& id, HashedTep const& tep);
   // Copies the BGP LU tunnel's metric fields into the tunnel RIB entry of
   // `tep` and records the tunnel as the entry's metric source.
-  void copyBgpLuMetrics(TunnelRibEntry& ribEntry, TunnelId const& id, Nimbo::IpGenPrefix const& tep,
-                        bool traced);
+  void copyBgpLuMetrics(TunnelRibEntry& ribEntry, TunnelId const& id, HashedTep const& tep, bool traced);
 
   Vela::Ptr<TunnelRib> tunnelRib_;
   Vela::Ptr<ProtocolTunnelRibCollection> protoTunnelRibColl_;

@@ -197,6 +197,12 @@ class PtrCollection {
     if (auto const* p = map_.lookup(k)) return *p;
     return nullptr;
   }
+  // The same with the key's hash worked out (a HashMap's members only).
+  template <class H>
+  Ptr<E> get(Hashed<K, H> const& k) const {
+    if (auto const* p = map_.lookup(k)) return *p;
+    return nullptr;
+  }
   bool contains(K const& k) const { return map_.contains(k); }
   std::size_t size() const { return map_.size(); }
   bool empty() const { return map_.empty(); }
@@ -239,7 +245,19 @@ class EntityCollection : public PtrCollection<K, E, Map> {
   // Creates the member E(k, args...) unless one exists; returns the member.
   template <class... Args>
   Ptr<E> newMember(K const& k, Args&&... args) {
-    auto [it, inserted] = this->map_.tryEmplace(k);
+    return newMemberAt(k, k, std::forward<Args>(args)...);
+  }
+  // The same with the key's hash worked out (a HashMap's members only).
+  template <class H, class... Args>
+  Ptr<E> newMember(Hashed<K, H> const& k, Args&&... args) {
+    return newMemberAt(k.key, k, std::forward<Args>(args)...);
+  }
+
+ private:
+  // newMember() of k, found in the map as `at` (k, or k with its hash).
+  template <class At, class... Args>
+  Ptr<E> newMemberAt(K const& k, At const& at, Args&&... args) {
+    auto [it, inserted] = this->map_.tryEmplace(at);
     if (!inserted) return it.value();
     Ptr<E> e = make<E>(k, std::forward<Args>(args)...);
     it.value() = e;

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -100,10 +101,12 @@ class HashMap;
 // A key with its bit-reversed hash (the collections' order, HashMap.h)
 // worked out once: for code that finds the same key in several maps and
 // sets hashing it with H. Their Hashed overloads take the stored order as
-// the key's own.
+// the key's own. A key converts to it (hashing once), so a function taking
+// a Hashed key takes a plain one too; it prints as the key.
 template <class K, class H = Hash<K>>
 struct Hashed {
-  explicit Hashed(K const& k) : key(k), rev(bitReverse32(static_cast<std::uint32_t>(H()(k)))) {}
+  Hashed(K const& k)  // NOLINT(google-explicit-constructor): see above
+      : key(k), rev(bitReverse32(static_cast<std::uint32_t>(H()(k)))) {}
   K key;
   std::uint32_t rev;
 
@@ -113,6 +116,11 @@ struct Hashed {
   friend class HashMap;
   Hashed(K const& k, std::uint32_t reversed) : key(k), rev(reversed) {}
 };
+
+template <class K, class H>
+std::ostream& operator<<(std::ostream& os, Hashed<K, H> const& k) {
+  return os << k.key;
+}
 
 template <HasHashMember K>
 struct Hash<K> {

@@ -347,11 +347,10 @@ class HashMap {
   // the loads of several maps about to be used overlap instead of waiting in
   // turn. Only a hint: the map is unchanged.
   void prefetch(K const& k) const noexcept {
-    if (size_ == 0) return;
-    std::size_t const i = homeOf(revOf(k));
-    Vela::prefetch(&probes_[i]);
-    Vela::prefetch(&revs_[i]);
-    Vela::prefetch(&members_[i]);
+    if (size_ != 0) prefetchAt(revOf(k));
+  }
+  void prefetch(Hashed<K, H> const& k) const noexcept {
+    if (size_ != 0) prefetchAt(k.rev);
   }
 
   V* lookup(K const& k) {
@@ -396,8 +395,12 @@ class HashMap {
   // Inserts or overwrites; returns whether k was inserted.
   template <class M>
   bool insertOrAssign(K const& k, M&& v) {
+    return insertOrAssign(Hashed<K, H>(k, revOf(k)), std::forward<M>(v));
+  }
+  template <class M>
+  bool insertOrAssign(Hashed<K, H> const& k, M&& v) {
     // One probe: emplace leaves v alone when k is present.
-    auto const [i, inserted] = emplace(k, revOf(k), std::forward<M>(v));
+    auto const [i, inserted] = emplace(k.key, k.rev, std::forward<M>(v));
     if (!inserted) member(i).value = std::forward<M>(v);
     return inserted;
   }
@@ -454,6 +457,13 @@ class HashMap {
   }
 
  private:
+  // prefetch() of the key whose reversed hash is rev.
+  void prefetchAt(std::uint32_t rev) const noexcept {
+    std::size_t const i = homeOf(rev);
+    Vela::prefetch(&probes_[i]);
+    Vela::prefetch(&revs_[i]);
+    Vela::prefetch(&members_[i]);
+  }
   Member& member(std::size_t i) const noexcept {
     return *std::launder(reinterpret_cast<Member*>(members_[i].bytes));
   }
