@@ -181,9 +181,7 @@ class MplsTunnelFibSm : public Vela::Entity {
   DependencySetView tunnelsDirectlyDependingOns() const {
     return DependencySetView(tunnelDependencies_, &TunnelDependencies::tunnelsDirectlyDependingOn);
   }
-  void tunnelsDirectlyDependingOnIs(TunnelId const& id, TunnelId const& inner) {
-    tunnelsDirectlyDependingOnIs(id, HashedId(inner));
-  }
+  // (An id converts to HashedId, hashing once.)
   void tunnelsDirectlyDependingOnIs(TunnelId const& id, HashedId const& inner);
 
   // For tunnel Y: every tunnel, directly or transitively, through which Y's
@@ -194,15 +192,9 @@ class MplsTunnelFibSm : public Vela::Entity {
   }
   void resolvedByTunnelsIs(TunnelId const& id, TunnelId const& inner);
   // Adds `inner` and every member of resolvedByTunnels(inner) to the set of `id`.
-  void resolvedByTunnelsInheritIs(TunnelId const& id, TunnelId const& inner) {
-    resolvedByTunnelsInheritIs(id, HashedId(inner));
-  }
   void resolvedByTunnelsInheritIs(TunnelId const& id, HashedId const& inner);
   // Whether resolvedByTunnels(id) holds `other`, counting what the review of
   // `id` in progress (if any) has recorded so far.
-  bool resolvedThrough(TunnelId const& id, TunnelId const& other) const {
-    return resolvedThrough(HashedId(id), other);
-  }
   bool resolvedThrough(HashedId const& id, TunnelId const& other) const;
 
   // Both sets of every tunnel, one record per tunnel.
