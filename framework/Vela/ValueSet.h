@@ -19,11 +19,12 @@
 // costs seventeen slots. So a set of up to kSmallMax members keeps them in a
 // small array, sorted in iteration order, and only a larger set moves into a
 // HashMap<K, bool>; it moves back when it shrinks to half that. The set itself
-// is 16 bytes (one pointer and two counters), an empty set allocates nothing,
-// a set of one member no larger than a pointer keeps it in the pointer's
-// place, and a set of n <= 8 members otherwise one block of n to 8 keys
-// followed by their reversed hashes, so that placing a new member hashes only
-// the new one.
+// is one pointer and two counters, an empty set allocates nothing, a set of
+// up to InlineMax members no larger than a pointer (one by default) keeps them
+// in the pointer's place, widened to hold them, and a set of n <= 8 members
+// otherwise one block of n to 8 keys followed by their reversed hashes, so
+// that placing a new member hashes only the new one. (Members kept in place
+// are hashed when their order is needed.)
 // Iterators are for reading only: any change to the set invalidates them.
 //
 // VELA_VALUE_SET (at the end) declares a set-valued field of a value type with
@@ -49,7 +50,7 @@
 
 namespace Vela {
 
-template <class K, class H = Hash<K>, class Eq = std::equal_to<K>>
+template <class K, class H = Hash<K>, class Eq = std::equal_to<K>, std::uint32_t InlineMax = 1>
 class ValueSet {
  public:
   using key_type = K;
@@ -73,6 +74,9 @@ class ValueSet {
     const_iterator() = default;
 
     K const& key() const { return large_ ? it_.key() : *p_; }
+    // The member with its reversed hash: kept by a large set, computed for a
+    // small one.
+    Hashed<K, H> hashed() const { return large_ ? it_.hashed() : Hashed<K, H>(*p_); }
     // Members of a set are always true.
     bool value() const { return true; }
     K const& operator*() const { return key(); }
@@ -184,6 +188,29 @@ class ValueSet {
 
   void clear() noexcept { release(); }
 
+  // Makes the set hold exactly the hashed keys of [first, last), which are
+  // unique and already in iteration order (by reversed hash, then by key
+  // where K is ordered): for a writer that has sorted them anyway, this
+  // writes them at once instead of placing them one by one.
+  template <class It>
+  void assignOrdered(It first, It last) {
+    std::size_t const n = static_cast<std::size_t>(std::distance(first, last));
+    release();
+    if (n > kSmallMax) {
+      for (; first != last; ++first) insert(*first);
+      return;
+    }
+    if (n == 0) return;
+    reallocateSmall(static_cast<std::uint32_t>(n));
+    K* const items = small();
+    for (; first != last; ++first) {
+      Hashed<K, H> const& k = *first;
+      std::construct_at(items + size_, k.key);
+      if (!isInline()) std::memcpy(revs() + size_ * sizeof k.rev, &k.rev, sizeof k.rev);
+      ++size_;
+    }
+  }
+
   // Starts loading the members' block (see Prefetch.h); a large set's table
   // is left alone.
   void prefetch() const noexcept {
@@ -228,15 +255,19 @@ class ValueSet {
  private:
   static constexpr std::uint32_t kLarge = 0xFFFFFFFFu;
   static constexpr bool kOrderedTies = internal::LessComparable<K>;
-  static constexpr bool kInlineOne =
-      sizeof(K) <= sizeof(void*) && alignof(K) <= alignof(void*) && std::is_trivially_copyable_v<K>;
+  // How many members are kept in place of the block pointer.
+  static constexpr std::uint32_t kInlineMax =
+      sizeof(K) <= sizeof(void*) && alignof(K) <= alignof(void*) && std::is_trivially_copyable_v<K>
+          ? InlineMax
+          : 0;
 
   bool isLarge() const noexcept { return cap_ == kLarge; }
-  // A set of capacity one holds its member in place of the block pointer.
-  static bool isInline(std::uint32_t cap) noexcept { return kInlineOne && cap == 1; }
+  // A set of capacity up to kInlineMax holds its members in place of the
+  // block pointer.
+  static bool isInline(std::uint32_t cap) noexcept { return cap != 0 && cap <= kInlineMax; }
   bool isInline() const noexcept { return isInline(cap_); }
   K* small() const noexcept {
-    if (isInline()) return std::launder(reinterpret_cast<K*>(const_cast<unsigned char*>(rep_.one)));
+    if (isInline()) return std::launder(reinterpret_cast<K*>(const_cast<unsigned char*>(rep_.inlined)));
     return static_cast<K*>(rep_.block);
   }
   // The reversed hashes of the array's members follow its cap keys (bytes,
@@ -246,7 +277,7 @@ class ValueSet {
   }
   unsigned char* revs() const noexcept { return revsOf(small(), cap_); }
   std::uint32_t revAt(std::uint32_t i) const noexcept {
-    if (isInline()) return revOf(small()[0]);
+    if (isInline()) return revOf(small()[i]);
     std::uint32_t r;
     std::memcpy(&r, revs() + i * sizeof r, sizeof r);
     return r;
@@ -345,8 +376,8 @@ class ValueSet {
 
   void reallocateSmall(std::uint32_t cap) {
     if (isInline(cap)) {
-      // From nothing: no member to move.
-      rep_ = Rep{};
+      // From nothing, or from fewer members kept in place: nothing moves.
+      if (!isInline()) rep_ = Rep{};
       cap_ = cap;
       return;
     }
@@ -401,8 +432,8 @@ class ValueSet {
       return;
     }
     if (isInline(o.size_)) {
-      std::construct_at(reinterpret_cast<K*>(rep_.one), o.small()[0]);
-      size_ = cap_ = 1;
+      std::uninitialized_copy(o.small(), o.small() + o.size_, reinterpret_cast<K*>(rep_.inlined));
+      size_ = cap_ = o.size_;
       return;
     }
     K* fresh = allocateSmall(o.size_);
@@ -433,10 +464,10 @@ class ValueSet {
   }
 
   // K[cap_] in iteration order and their reversed hashes, or a Map when
-  // cap_ == kLarge; or the one member itself when isInline().
+  // cap_ == kLarge; or the members themselves when isInline().
   union Rep {
     void* block = nullptr;
-    alignas(void*) unsigned char one[sizeof(void*)];
+    alignas(void*) unsigned char inlined[std::max(sizeof(void*), kInlineMax * sizeof(K))];
   };
   Rep rep_{};
   std::uint32_t size_ = 0;  // members
@@ -444,8 +475,8 @@ class ValueSet {
 };
 
 // Inside a value's textual form a set prints as None.
-template <class K, class H, class Eq>
-struct ValueTraits<ValueSet<K, H, Eq>> : NoneValueTraits<ValueSet<K, H, Eq>> {};
+template <class K, class H, class Eq, std::uint32_t InlineMax>
+struct ValueTraits<ValueSet<K, H, Eq, InlineMax>> : NoneValueTraits<ValueSet<K, H, Eq, InlineMax>> {};
 
 }  // namespace Vela
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <random>
 #include <set>
 #include <string>
@@ -69,17 +70,27 @@ struct Holder : Vela::ValueTag {
   Vela::ValueSet<Key> set;
 };
 
-// One pointer and two counters: a via set costs 16 bytes in every entry.
-TEST(ValueSetTest, IsCompact) { EXPECT_EQ(sizeof(Vela::ValueSet<Key>), 16u); }
+template <class K, std::uint32_t InlineMax>
+using InlineSet = Vela::ValueSet<K, Vela::Hash<K>, std::equal_to<K>, InlineMax>;
 
-// Runs through the one-member, small and large forms and back, in both
-// directions, reserving now and then, comparing with std::set.
-template <class K>
+// One pointer and two counters: a via set costs 16 bytes in every entry.
+// Members kept in place widen the pointer's place only as far as they need.
+TEST(ValueSetTest, IsCompact) {
+  EXPECT_EQ(sizeof(Vela::ValueSet<Key>), 16u);
+  EXPECT_EQ(sizeof(InlineSet<Key, 2>), 24u);
+  EXPECT_EQ(sizeof(InlineSet<Wide, 2>), 16u);
+}
+
+// Runs through the in-place, small and large forms and back, in both
+// directions, reserving and assigning whole sets now and then, comparing with
+// std::set.
+template <class S>
 void matchModel() {
+  using K = typename S::key_type;
   std::uint32_t const seed = 20240611;
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 rng(seed);
-  Vela::ValueSet<K> s;
+  S s;
   std::set<std::uint64_t> model;
   for (int step = 0; step < 20000; ++step) {
     // Few distinct keys, so that the set keeps crossing the switch both ways.
@@ -98,19 +109,37 @@ void matchModel() {
       Vela::HashMap<K, bool> reference;
       for (auto v2 : model) reference.insertOrAssign(K{v2}, true);
       ASSERT_EQ(members(s), mapKeys(reference)) << "step " << step;
+      // The iterator's hashes are the members' own.
+      for (auto it = s.begin(); it != s.end(); ++it) ASSERT_EQ(it.hashed().rev, Vela::Hashed<K>(*it).rev);
       for (std::uint64_t k = 0; k < 14; ++k) {
         EXPECT_EQ(s.contains(K{k}), model.count(k) == 1);
         EXPECT_EQ(s.contains(Vela::Hashed<K>(K{k})), model.count(k) == 1);
       }
-      Vela::ValueSet<K> const copy = s;
+      S const copy = s;
       ASSERT_EQ(members(copy), members(s)) << "step " << step;
+    }
+    if (step % 31 == 0) {
+      // A whole set written at once, in iteration order, over whatever was there.
+      std::set<std::uint64_t> next;
+      for (std::uint64_t k = 0; k < 14; ++k) {
+        if (rng() % 3 == 0) next.insert(k);
+      }
+      Vela::HashMap<K, bool> ordered;
+      for (auto v2 : next) ordered.insertOrAssign(K{v2}, true);
+      std::vector<Vela::Hashed<K>> hashed;
+      for (auto it = ordered.begin(); it != ordered.end(); ++it) hashed.push_back(it.hashed());
+      s.assignOrdered(hashed.begin(), hashed.end());
+      model = next;
+      ASSERT_EQ(members(s), mapKeys(ordered)) << "step " << step;
     }
   }
 }
 
 TEST(ValueSetTest, MatchesAModelAcrossTheSmallAndLargeForms) {
-  matchModel<Key>();
-  matchModel<Wide>();
+  matchModel<Vela::ValueSet<Key>>();
+  matchModel<Vela::ValueSet<Wide>>();
+  matchModel<InlineSet<Key, 2>>();
+  matchModel<InlineSet<Key, 3>>();
 }
 
 TEST(ValueSetTest, IteratesInTheOrderOfAHashMapOfTheSameMembers) {
