@@ -39,6 +39,8 @@ MplsTunnelFibSm::TunnelIdSet const kNoTunnels;
 
 // How many reviews ahead the drain prefetches, and how many ids at a time.
 constexpr std::uint64_t kReadAhead = 16;
+// How many dependents ahead queuing them prefetches their backlog slots.
+constexpr std::size_t kQueueAhead = 8;
 
 // The entry of `id` (a TunnelId, or one with its hash) in `table`, or null
 // when there is no table or no entry.
@@ -118,7 +120,7 @@ bool MplsTunnelFibSm::tunnelForReview(TunnelId const& id) const {
   return flag && *flag;
 }
 
-void MplsTunnelFibSm::tunnelForReviewIs(TunnelId const& id, bool flag) {
+void MplsTunnelFibSm::tunnelForReviewIs(HashedId const& id, bool flag) {
   auto [it, inserted] = tunnelForReview_.tryEmplace(id, flag);
   if (!inserted) {
     if (it.value() == flag) return;
@@ -324,7 +326,19 @@ void MplsTunnelFibSm::addDependentTunnelsForReview(TunnelId const& id) {
   TunnelIdSet const* dependents = directlyDependentTunnels_.lookup(id);
   if (!dependents) return;
   // Queuing touches only the backlog, so the set stays as it is meanwhile.
-  for (TunnelId const& t : *dependents) tunnelForReviewIs(t, true);
+  // The dependents of a much used tunnel land all over a large backlog: the
+  // slots of the next few are asked for while one is queued.
+  auto ahead = dependents->begin();
+  auto const end = dependents->end();
+  for (std::size_t i = 0; i < kQueueAhead && ahead != end; ++i, ++ahead)
+    tunnelForReview_.prefetch(ahead.hashed());
+  for (auto it = dependents->begin(); it != end; ++it) {
+    if (ahead != end) {
+      tunnelForReview_.prefetch(ahead.hashed());
+      ++ahead;
+    }
+    tunnelForReviewIs(it.hashed(), true);
+  }
 }
 
 TunnelTableEntry MplsTunnelFibSm::tunnelTableEntry(TunnelId const& id) const {
@@ -351,26 +365,34 @@ namespace {
 
 using HashedId = MplsTunnelFibSm::HashedId;
 
-TunnelId const& keyOf(HashedId const& t) { return t.key; }
-TunnelId const& keyOf(TunnelId const& t) { return t; }
-constexpr auto kKeyLess = [](auto const& a, auto const& b) { return keyOf(a) < keyOf(b); };
-constexpr auto kKeyEqual = [](auto const& a, auto const& b) { return keyOf(a) == keyOf(b); };
+// The order of a set's iteration: by reversed hash, then by id.
+constexpr auto kSetOrder = [](HashedId const& a, HashedId const& b) {
+  return a.rev != b.rev ? a.rev < b.rev : a.key < b.key;
+};
 
 void sortUnique(std::vector<HashedId>& ids) {
-  std::sort(ids.begin(), ids.end(), kKeyLess);
-  ids.erase(std::unique(ids.begin(), ids.end(), kKeyEqual), ids.end());
+  if (ids.size() <= 8) {
+    // The usual few ids: sorted by insertion, without std::sort's set-up.
+    for (auto i = ids.begin(); i != ids.end(); ++i) {
+      for (auto j = i; j != ids.begin() && kSetOrder(*j, *(j - 1)); --j) std::iter_swap(j, j - 1);
+    }
+  } else {
+    std::sort(ids.begin(), ids.end(), kSetOrder);
+  }
+  ids.erase(std::unique(ids.begin(), ids.end(),
+                        [](HashedId const& a, HashedId const& b) { return a.key == b.key; }),
+            ids.end());
 }
 
-// Makes `set` hold exactly `ids` (sorted, unique), writing only on a change.
+// Makes `set` hold exactly `ids` (in the set's order, unique), writing only on
+// a change.
 void assignSet(MplsTunnelFibSm::TunnelIdSet& set, std::vector<HashedId> const& ids) {
   if (set.size() == ids.size() &&
-      std::all_of(ids.begin(), ids.end(), [&set](HashedId const& t) { return set.contains(t); })) {
+      std::equal(set.begin(), set.end(), ids.begin(),
+                 [](TunnelId const& a, HashedId const& b) { return a == b.key; })) {
     return;
   }
-  MplsTunnelFibSm::TunnelIdSet fresh;
-  fresh.reserve(ids.size());
-  for (HashedId const& t : ids) fresh.insert(t);
-  set = std::move(fresh);
+  set.assignOrdered(ids.begin(), ids.end());
 }
 
 }  // namespace
@@ -394,7 +416,7 @@ void MplsTunnelFibSm::settleDependencies(HashedId const& self) {
   // written, so `record` stays valid.
   if (record) {
     for (TunnelId const& t : record->tunnelsDirectlyDependingOn) {
-      if (!std::binary_search(reviewInners_.begin(), reviewInners_.end(), t, kKeyLess))
+      if (!std::binary_search(reviewInners_.begin(), reviewInners_.end(), HashedId(t), kSetOrder))
         directlyDependentTunnelsDel(t, id);
     }
   }

@@ -48,7 +48,9 @@ class MplsTunnelFibSm : public Vela::Entity {
  public:
   // A set of tunnel ids: a small sorted array up to eight members, a hash
   // table beyond. Iterated in the bit-reversed hash order of its members.
-  using TunnelIdSet = Vela::ValueSet<TunnelId>;
+  // Two ids are kept in the set itself: a BGP LU tunnel usually rides on two
+  // tunnels, and its dependency records then need no block of their own.
+  using TunnelIdSet = Vela::ValueSet<TunnelId, Vela::Hash<TunnelId>, std::equal_to<TunnelId>, 2>;
   // Tunnel id -> set of tunnel ids (directlyDependentTunnels).
   using TunnelIdSetMap = Vela::HashMap<TunnelId, TunnelIdSet>;
   // Tunnel id -> flag (the backlog and the start-up marks).
@@ -160,7 +162,7 @@ class MplsTunnelFibSm : public Vela::Entity {
   bool tunnelForReview(TunnelId const& id) const;
   // Queues the id; schedules the review when the id was not queued yet (or
   // its flag differed). An id already queued changes nothing.
-  void tunnelForReviewIs(TunnelId const& id, bool flag);
+  void tunnelForReviewIs(HashedId const& id, bool flag);
   void tunnelForReviewDel(TunnelId const& id) { tunnelForReview_.erase(id); }
   TunnelIdFlagMap const& tunnelForReviews() const { return tunnelForReview_; }
 
