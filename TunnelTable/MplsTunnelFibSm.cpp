@@ -384,12 +384,20 @@ void sortUnique(std::vector<HashedId>& ids) {
             ids.end());
 }
 
+// Whether `ids` (in the sets' order, unique) holds t. The usual few are
+// compared as they stand: hashing t costs more.
+bool foundIn(std::vector<HashedId> const& ids, TunnelId const& t) {
+  if (ids.size() <= 8) {
+    return std::any_of(ids.begin(), ids.end(), [&t](HashedId const& h) { return h.key == t; });
+  }
+  return std::binary_search(ids.begin(), ids.end(), HashedId(t), kSetOrder);
+}
+
 // Makes `set` hold exactly `ids` (in the set's order, unique), writing only on
 // a change.
 void assignSet(MplsTunnelFibSm::TunnelIdSet& set, std::vector<HashedId> const& ids) {
   if (set.size() == ids.size() &&
-      std::equal(set.begin(), set.end(), ids.begin(),
-                 [](TunnelId const& a, HashedId const& b) { return a == b.key; })) {
+      std::all_of(ids.begin(), ids.end(), [&set](HashedId const& t) { return set.contains(t); })) {
     return;
   }
   set.assignOrdered(ids.begin(), ids.end());
@@ -416,8 +424,7 @@ void MplsTunnelFibSm::settleDependencies(HashedId const& self) {
   // written, so `record` stays valid.
   if (record) {
     for (TunnelId const& t : record->tunnelsDirectlyDependingOn) {
-      if (!std::binary_search(reviewInners_.begin(), reviewInners_.end(), HashedId(t), kSetOrder))
-        directlyDependentTunnelsDel(t, id);
+      if (!foundIn(reviewInners_, t)) directlyDependentTunnelsDel(t, id);
     }
   }
   // Inner tunnels were recorded only if `keep`, so there is a record.
