@@ -36,6 +36,8 @@ namespace Tunnel::TunnelTable {
 using TunnelIdSet = Vela::ValueCollection<TunnelId, bool, Vela::ValueSet<TunnelId>>;
 // A TEP with its hash, for code that finds it in several TEP-keyed maps.
 using HashedTep = Vela::Hashed<Nimbo::IpGenPrefix>;
+// A tunnel id with its hash, likewise.
+using HashedTunnelId = Vela::Hashed<TunnelId>;
 
 // The tunnels that reach one TEP. All ids are of one TunnelType, and an entry
 // without ids is removed by its writer.

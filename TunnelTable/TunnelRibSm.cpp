@@ -63,8 +63,8 @@ constexpr TunnelType kProtocolOrder[] = {TunnelType::staticTunnel, TunnelType::l
 
 // The entry of `id` in `table`, or null when the table is missing or holds
 // no entry for it (an entry equal to the default one counts as absent).
-template <class Table>
-auto const* findEntry(Vela::Ptr<Table const> const& table, TunnelId const& id) {
+template <class Table, class Id>
+auto const* findEntry(Vela::Ptr<Table const> const& table, Id const& id) {
   auto const* entry = table ? table->entrys().lookup(id) : nullptr;
   return entry && !!*entry ? entry : nullptr;
 }
@@ -290,7 +290,7 @@ bool TunnelRibSm::skipUnprogrammable(std::string_view fn, TunnelId const& id) co
   return true;
 }
 
-void TunnelRibSm::enterOrWithdraw(TunnelId const& id, TunnelTableEntry const* entry) {
+void TunnelRibSm::enterOrWithdraw(HashedTunnelId const& id, TunnelTableEntry const* entry) {
   if (entry) {
     HashedTep const tep = entry->tep();
     // Entering a tunnel touches a slot in each of these maps, far apart in
@@ -298,35 +298,38 @@ void TunnelRibSm::enterOrWithdraw(TunnelId const& id, TunnelTableEntry const* en
     tunnelIdToTep_.prefetch(id);
     // Not through protoTunnelRib(), which traces and raises: a hint must not.
     if (auto const wrapper =
-            protoTunnelRibColl_ ? protoTunnelRibColl_->protocolTunnelRib(id.tunnelType()) : nullptr) {
+            protoTunnelRibColl_ ? protoTunnelRibColl_->protocolTunnelRib(id.key.tunnelType()) : nullptr) {
       if (TunnelRib const* protoRib = wrapper->tunnelRib().get()) protoRib->entrys().map().prefetch(tep);
     }
     tunnelRib_->entrys().map().prefetch(tep);
-    if (id.tunnelType() == TunnelType::bgpLuTunnel) tunRibMetricTunId_.prefetch(tep);
+    if (id.key.tunnelType() == TunnelType::bgpLuTunnel) tunRibMetricTunId_.prefetch(tep);
     doUpdateLocalCollectionsAndTunnelRib(id, tep, true);
   } else {
     // Absent, or no longer contributing: withdrawn under the TEP it was entered with.
-    Nimbo::IpGenPrefix const tep = tunnelIdToTep(id).tep();
+    Nimbo::IpGenPrefix const tep = tunnelIdToTep(id.key).tep();
     doUpdateLocalCollectionsAndTunnelRib(id, tep, false);
   }
 }
 
 void TunnelRibSm::handleBgpLuTunnelEntry(TunnelId const& id) {
   if (skipUnprogrammable(kFnHandleBgpLuTunnelEntryId, id)) return;
-  auto const* entry = findEntry(bgpLuTable(), id);
-  enterOrWithdraw(id, isContributing(entry) ? entry : nullptr);
+  HashedTunnelId const hashed(id);
+  auto const* entry = findEntry(bgpLuTable(), hashed);
+  enterOrWithdraw(hashed, isContributing(entry) ? entry : nullptr);
 }
 
 void TunnelRibSm::handleLdpSrTunnelEntry(TunnelId const& id) {
   if (skipUnprogrammable(kFnHandleLdpSrTunnelEntryId, id)) return;
-  if (id.tunnelType() == TunnelType::ldpTunnel) return enterOrWithdraw(id, findEntry(ldpTable(), id));
+  HashedTunnelId const hashed(id);
+  if (id.tunnelType() == TunnelType::ldpTunnel) return enterOrWithdraw(hashed, findEntry(ldpTable(), hashed));
   VELA_ASSERT_TEXT(id.tunnelType() == TunnelType::srTunnel, "id.tunnelType() == srTunnel()");
-  enterOrWithdraw(id, findEntry(srTable(), id));
+  enterOrWithdraw(hashed, findEntry(srTable(), hashed));
 }
 
 void TunnelRibSm::handleStaticTunnelEntry(TunnelId const& id) {
   if (skipUnprogrammable(kFnHandleStaticTunnelEntryId, id)) return;
-  enterOrWithdraw(id, findEntry(staticTable(), id));
+  HashedTunnelId const hashed(id);
+  enterOrWithdraw(hashed, findEntry(staticTable(), hashed));
 }
 
 namespace {
@@ -417,20 +420,21 @@ void TunnelRibSm::handleBgpConvergence() {
 
 // --- workers -------------------------------------------------------------------------------------------
 
-void TunnelRibSm::doUpdateLocalCollectionsAndTunnelRib(TunnelId const& id, HashedTep const& tep, bool add) {
+void TunnelRibSm::doUpdateLocalCollectionsAndTunnelRib(HashedTunnelId const& id, HashedTep const& tep,
+                                                       bool add) {
   SKEIN_TRACE(8, kFnDoUpdateLocalCollectionsAndTunnelRib << " for tunnel id " << id << ", tep " << tep
                                                          << ", add: " << add);
   if (add) {
-    tunnelIdToTep_.insertOrAssign(id, TunnelIdToTepEntry(id, tep.key));
+    tunnelIdToTep_.insertOrAssign(id, TunnelIdToTepEntry(id.key, tep.key));
   } else {
-    tunnelIdToTep_.erase(id);
+    tunnelIdToTep_.erase(id.key);
   }
-  TunnelType const type = id.tunnelType();
+  TunnelType const type = id.key.tunnelType();
   TunnelRib& protoRib = protoTunnelRib(type);
   if (add) {
     SKEIN_TRACE(
         8, type << ": adding protocol-specific TEP / tunnel ID mapping, tunnel ID " << id << ", TEP " << tep);
-    protoRib.newEntry(tep)->tunnelIdIs(id, true);
+    protoRib.newEntry(tep)->tunnelIdIs(id.key, true);
   } else {
     Vela::Ptr<TunnelRibEntry> protoEntry = protoRib.entry(tep);
     if (!protoEntry) {
@@ -443,13 +447,13 @@ void TunnelRibSm::doUpdateLocalCollectionsAndTunnelRib(TunnelId const& id, Hashe
     if (protoEntry->tunnelIds().size() == 1) {
       protoRib.entryDel(tep.key);
     } else {
-      protoEntry->tunnelIdDel(id);
+      protoEntry->tunnelIdDel(id.key);
     }
   }
   doUpdateTunnelRibEntry(id, tep, add);
 }
 
-void TunnelRibSm::doUpdateTunnelRibEntry(TunnelId const& id, HashedTep const& tep, bool add) {
+void TunnelRibSm::doUpdateTunnelRibEntry(HashedTunnelId const& id, HashedTep const& tep, bool add) {
   SKEIN_TRACE(8, kFnDoUpdateTunnelRibEntry);
   Vela::Ptr<TunnelRibEntry> ribEntry = tunnelRib_->entry(tep);
   if (add) {
@@ -465,16 +469,16 @@ void TunnelRibSm::doUpdateTunnelRibEntry(TunnelId const& id, HashedTep const& te
       return;
     }
     TunnelId const first = ribEntry->tunnelIds().begin().key();
-    if (id.tunnelType() == first.tunnelType()) {
+    if (id.key.tunnelType() == first.tunnelType()) {
       SKEIN_TRACE(8, "Adding new ID for existing Tunnel RIB entry: " << id);
       addTunnelId(*ribEntry, id, tep);
       return;
     }
-    std::uint8_t const idPref = getPreference(id);
+    std::uint8_t const idPref = getPreference(id.key);
     std::uint8_t const firstPref = getPreference(first);
     if (idPref < firstPref) {
       SKEIN_TRACE(8, "Deleting existing entry contributed by table: "
-                         << first.tunnelType() << " as the entry from table: " << id.tunnelType()
+                         << first.tunnelType() << " as the entry from table: " << id.key.tunnelType()
                          << " is more preferred.");
       SKEIN_TRACE(8, "New ID is: " << id);
       tunnelRib_->entryDel(tep.key);
@@ -484,19 +488,19 @@ void TunnelRibSm::doUpdateTunnelRibEntry(TunnelId const& id, HashedTep const& te
     // On a tie the protocol already there keeps the TEP (deliberate).
     SKEIN_TRACE(8, "Existing tunnel entry contributed by table: "
                        << first.tunnelType() << " (" << prefNumber(firstPref) << ") is preferred more than "
-                       << id.tunnelType() << " (" << prefNumber(idPref) << ") ");
+                       << id.key.tunnelType() << " (" << prefNumber(idPref) << ") ");
     return;
   }
   SKEIN_TRACE(8, "Deleting Tunnel RIB entry tep: " << tep << " id: " << id);
-  if (!ribEntry || !ribEntry->tunnelIds().contains(id)) return;
+  if (!ribEntry || !ribEntry->tunnelIds().contains(id.key)) return;
   if (ribEntry->tunnelIds().size() == 1) {
     tunnelRib_->entryDel(tep.key);
     tunRibMetricTunId_.erase(tep.key);
     doSelectBestAndUpdateTunnelRib(tep);
     return;
   }
-  ribEntry->tunnelIdDel(id);
-  if (id.tunnelType() == TunnelType::bgpLuTunnel && tunRibMetricTunId(tep.key) == id) {
+  ribEntry->tunnelIdDel(id.key);
+  if (id.key.tunnelType() == TunnelType::bgpLuTunnel && tunRibMetricTunId(tep.key) == id.key) {
     doUpdateTunRibMetric(tep);
   }
 }
@@ -523,7 +527,7 @@ void TunnelRibSm::doSelectBestAndUpdateTunnelRib(HashedTep const& tep) {
   SKEIN_TRACE(8, "No table entry is contributing for tep: " << tep);
 }
 
-void TunnelRibSm::copyBgpLuMetrics(TunnelRibEntry& ribEntry, TunnelId const& id, HashedTep const& tep,
+void TunnelRibSm::copyBgpLuMetrics(TunnelRibEntry& ribEntry, HashedTunnelId const& id, HashedTep const& tep,
                                    bool traced) {
   auto const* luEntry = findEntry(bgpLuTable(), id);
   VELA_ASSERT_TEXT(isContributing(luEntry), "!!luEntry && luEntry.contribution() == contributing()");
@@ -536,18 +540,18 @@ void TunnelRibSm::copyBgpLuMetrics(TunnelRibEntry& ribEntry, TunnelId const& id,
   ribEntry.metric2Is(luEntry->bgpMetric2());
   ribEntry.prefIs(luEntry->bgpPref());
   ribEntry.pref2Is(luEntry->bgpPref2());
-  tunRibMetricTunId_.insertOrAssign(tep, id);
+  tunRibMetricTunId_.insertOrAssign(tep, id.key);
 }
 
-void TunnelRibSm::doAddTunnelId(TunnelId const& id, HashedTep const& tep) {
+void TunnelRibSm::doAddTunnelId(HashedTunnelId const& id, HashedTep const& tep) {
   Vela::Ptr<TunnelRibEntry> ribEntry = tunnelRib_->entry(tep);
   VELA_ASSERT(ribEntry);  // the caller made the entry
   addTunnelId(*ribEntry, id, tep);
 }
 
-void TunnelRibSm::addTunnelId(TunnelRibEntry& ribEntry, TunnelId const& id, HashedTep const& tep) {
+void TunnelRibSm::addTunnelId(TunnelRibEntry& ribEntry, HashedTunnelId const& id, HashedTep const& tep) {
   SKEIN_TRACE(8, kFnDoAddTunnelId);
-  TunnelType const type = id.tunnelType();
+  TunnelType const type = id.key.tunnelType();
   if (type == TunnelType::bgpLuTunnel) {
     copyBgpLuMetrics(ribEntry, id, tep, true);
   } else if (type == TunnelType::ldpTunnel || type == TunnelType::srTunnel) {
@@ -559,7 +563,7 @@ void TunnelRibSm::addTunnelId(TunnelRibEntry& ribEntry, TunnelId const& id, Hash
     ribEntry.prefIs(entry->igpPref());
     ribEntry.pref2Is(entry->igpPref2());
   }
-  ribEntry.tunnelIdIs(id, true);
+  ribEntry.tunnelIdIs(id.key, true);
 }
 
 void TunnelRibSm::doUpdateTunRibMetric(HashedTep const& tep) {

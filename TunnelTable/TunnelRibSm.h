@@ -101,12 +101,12 @@ class TunnelRibSm : public Vela::Entity {
   // doUpdateLocalCollectionsAndTunnelRib, which calls doUpdateTunnelRibEntry,
   // which calls doAddTunnelId, doSelectBestAndUpdateTunnelRib or
   // doUpdateTunRibMetric.
-  // (Each takes the TEP with its hash, worked out once for the maps keyed
-  // by it; a plain TEP converts.)
-  void doUpdateLocalCollectionsAndTunnelRib(TunnelId const& id, HashedTep const& tep, bool add);
-  void doUpdateTunnelRibEntry(TunnelId const& id, HashedTep const& tep, bool add);
+  // (Each takes the TEP and the id with their hashes, worked out once for
+  // the maps keyed by them; a plain TEP or id converts.)
+  void doUpdateLocalCollectionsAndTunnelRib(HashedTunnelId const& id, HashedTep const& tep, bool add);
+  void doUpdateTunnelRibEntry(HashedTunnelId const& id, HashedTep const& tep, bool add);
   void doSelectBestAndUpdateTunnelRib(HashedTep const& tep);
-  void doAddTunnelId(TunnelId const& id, HashedTep const& tep);
+  void doAddTunnelId(HashedTunnelId const& id, HashedTep const& tep);
   void doUpdateTunRibMetric(HashedTep const& tep);
   // The tablePref of the id's protocol table; lower is preferred. 0 (which
   // wins every comparison) for a tunnel type outside the four protocols.
@@ -125,7 +125,7 @@ class TunnelRibSm : public Vela::Entity {
   bool skipUnprogrammable(std::string_view fn, TunnelId const& id) const;
   // Enters the id under its entry's TEP, or, without an entry (absent or
   // not contributing), withdraws it from the TEP it was entered under.
-  void enterOrWithdraw(TunnelId const& id, TunnelTableEntry const* entry);
+  void enterOrWithdraw(HashedTunnelId const& id, TunnelTableEntry const* entry);
 
   template <class Table>
   class TableReactor;
@@ -150,10 +150,11 @@ class TunnelRibSm : public Vela::Entity {
   // ids arriving in the table's hash order do not pile up in a small table.
   void reserveForScan(std::size_t count);
   // doAddTunnelId on the tunnel RIB entry of `tep`, already at hand.
-  void addTunnelId(TunnelRibEntry& ribEntry, TunnelId const& id, HashedTep const& tep);
+  void addTunnelId(TunnelRibEntry& ribEntry, HashedTunnelId const& id, HashedTep const& tep);
   // Copies the BGP LU tunnel's metric fields into the tunnel RIB entry of
   // `tep` and records the tunnel as the entry's metric source.
-  void copyBgpLuMetrics(TunnelRibEntry& ribEntry, TunnelId const& id, HashedTep const& tep, bool traced);
+  void copyBgpLuMetrics(TunnelRibEntry& ribEntry, HashedTunnelId const& id, HashedTep const& tep,
+                        bool traced);
 
   Vela::Ptr<TunnelRib> tunnelRib_;
   Vela::Ptr<ProtocolTunnelRibCollection> protoTunnelRibColl_;
