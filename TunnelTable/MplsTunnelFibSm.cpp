@@ -365,14 +365,18 @@ namespace {
 
 using HashedId = MplsTunnelFibSm::HashedId;
 
+// A review usually finds a few ids at most: so many are handled with plain
+// loops rather than std::sort's set-up or hashing.
+constexpr std::size_t kFewIds = 8;
+
 // The order of a set's iteration: by reversed hash, then by id.
 constexpr auto kSetOrder = [](HashedId const& a, HashedId const& b) {
   return a.rev != b.rev ? a.rev < b.rev : a.key < b.key;
 };
 
 void sortUnique(std::vector<HashedId>& ids) {
-  if (ids.size() <= 8) {
-    // The usual few ids: sorted by insertion, without std::sort's set-up.
+  if (ids.size() <= kFewIds) {
+    // Sorted by insertion.
     for (auto i = ids.begin(); i != ids.end(); ++i) {
       for (auto j = i; j != ids.begin() && kSetOrder(*j, *(j - 1)); --j) std::iter_swap(j, j - 1);
     }
@@ -384,10 +388,10 @@ void sortUnique(std::vector<HashedId>& ids) {
             ids.end());
 }
 
-// Whether `ids` (in the sets' order, unique) holds t. The usual few are
-// compared as they stand: hashing t costs more.
+// Whether `ids` (in the sets' order, unique) holds t. A few are compared as
+// they stand: hashing t costs more.
 bool foundIn(std::vector<HashedId> const& ids, TunnelId const& t) {
-  if (ids.size() <= 8) {
+  if (ids.size() <= kFewIds) {
     return std::any_of(ids.begin(), ids.end(), [&t](HashedId const& h) { return h.key == t; });
   }
   return std::binary_search(ids.begin(), ids.end(), HashedId(t), kSetOrder);
