@@ -14,6 +14,11 @@ namespace {
 
 bool aligned(void const* p, std::size_t to) { return reinterpret_cast<std::uintptr_t>(p) % to == 0; }
 
+// The bytes the pool takes for a block: the size rounded up to its grain.
+std::size_t rounded(std::size_t bytes) {
+  return (bytes + Vela::kSmallBlockGrain - 1) / Vela::kSmallBlockGrain * Vela::kSmallBlockGrain;
+}
+
 TEST(SmallBlockTest, BlocksOfEverySizeAreDistinctAlignedAndCounted) {
   long long const before = Vela::smallBlockBytesInUse();
   std::vector<std::pair<void*, std::size_t>> blocks;
@@ -22,15 +27,13 @@ TEST(SmallBlockTest, BlocksOfEverySizeAreDistinctAlignedAndCounted) {
     void* const p = Vela::allocateSmallBlock(bytes);
     // Sizes of 8, 24, 40 ... bytes follow those of 16, 32 ... and back, so
     // the pool must skip to keep the latter on 16 bytes.
-    std::size_t const rounded =
-        (bytes + Vela::kSmallBlockGrain - 1) / Vela::kSmallBlockGrain * Vela::kSmallBlockGrain;
-    ASSERT_TRUE(
-        aligned(p, rounded % Vela::kSmallBlockAlign == 0 ? Vela::kSmallBlockAlign : Vela::kSmallBlockGrain))
+    ASSERT_TRUE(aligned(
+        p, rounded(bytes) % Vela::kSmallBlockAlign == 0 ? Vela::kSmallBlockAlign : Vela::kSmallBlockGrain))
         << bytes;
     std::memset(p, static_cast<int>(bytes), bytes);
     blocks.emplace_back(p, bytes);
     if (bytes <= Vela::kSmallBlockBytes) {
-      expected += static_cast<long long>(rounded);
+      expected += static_cast<long long>(rounded(bytes));
     }
   }
   // No block overlaps another: each still holds its own fill.
@@ -93,12 +96,9 @@ TEST(SmallBlockTest, EntitiesAreFreedWithTheSizeOfTheirOwnType) {
     Vela::Ptr<Small> aligned16 = Vela::make<Aligned16>();
     EXPECT_TRUE(aligned(aligned16.get(), 16));
     if (Vela::kSmallBlocksPooled) {
-      auto rounded = [](std::size_t b) {
-        return static_cast<long long>((b + Vela::kSmallBlockGrain - 1) / Vela::kSmallBlockGrain *
-                                      Vela::kSmallBlockGrain);
-      };
       EXPECT_EQ(Vela::smallBlockBytesInUse() - before,
-                rounded(sizeof(Small)) + rounded(sizeof(Larger)) + rounded(sizeof(Aligned16)));
+                static_cast<long long>(rounded(sizeof(Small)) + rounded(sizeof(Larger)) +
+                                       rounded(sizeof(Aligned16))));
     }
   }
   EXPECT_EQ(Vela::smallBlockBytesInUse(), before);

@@ -61,6 +61,22 @@ std::vector<std::uint64_t> mapKeys(M const& m) {
   return out;
 }
 
+// The members in a HashMap: the iteration order a set must share.
+template <class K, class Values>
+Vela::HashMap<K, bool> hashMapOf(Values const& values) {
+  Vela::HashMap<K, bool> m;
+  for (std::uint64_t v : values) m.insertOrAssign(K{v}, true);
+  return m;
+}
+
+// Members inserted in the given order iterate as a HashMap's do.
+template <class K>
+void expectHashMapOrder(std::vector<std::uint64_t> const& values) {
+  Vela::ValueSet<K> s;
+  for (std::uint64_t v : values) s.insert(K{v});
+  EXPECT_EQ(members(s), mapKeys(hashMapOf<K>(values))) << values.size() << " members";
+}
+
 struct Holder : Vela::ValueTag {
   static constexpr char const* valueTypeName = "Test::Holder";
   static constexpr auto valueFields() {
@@ -106,9 +122,7 @@ void matchModel() {
     // Room made ahead, in every form, changes no member and no order.
     if (step % 13 == 0) s.reserve(rng() % 12);
     if (step % 97 == 0 || model.size() <= 1) {
-      Vela::HashMap<K, bool> reference;
-      for (auto v2 : model) reference.insertOrAssign(K{v2}, true);
-      ASSERT_EQ(members(s), mapKeys(reference)) << "step " << step;
+      ASSERT_EQ(members(s), mapKeys(hashMapOf<K>(model))) << "step " << step;
       // The iterator's hashes are the members' own.
       for (auto it = s.begin(); it != s.end(); ++it) ASSERT_EQ(it.hashed().rev, Vela::Hashed<K>(*it).rev);
       for (std::uint64_t k = 0; k < 14; ++k) {
@@ -124,8 +138,7 @@ void matchModel() {
       for (std::uint64_t k = 0; k < 14; ++k) {
         if (rng() % 3 == 0) next.insert(k);
       }
-      Vela::HashMap<K, bool> ordered;
-      for (auto v2 : next) ordered.insertOrAssign(K{v2}, true);
+      auto const ordered = hashMapOf<K>(next);
       std::vector<Vela::Hashed<K>> hashed;
       for (auto it = ordered.begin(); it != ordered.end(); ++it) hashed.push_back(it.hashed());
       s.assignOrdered(hashed.begin(), hashed.end());
@@ -146,32 +159,12 @@ TEST(ValueSetTest, IteratesInTheOrderOfAHashMapOfTheSameMembers) {
   for (std::size_t n : {1u, 3u, 8u, 9u, 40u}) {
     std::vector<std::uint64_t> values;
     for (std::size_t i = 0; i < n; ++i) values.push_back(i * 7919 + 3);
-    Vela::ValueSet<Key> forward;
-    Vela::ValueSet<Key> backward;
-    Vela::HashMap<Key, bool> reference;
-    for (auto v : values) {
-      forward.insert(Key{v});
-      reference.insertOrAssign(Key{v}, true);
-    }
-    for (auto it = values.rbegin(); it != values.rend(); ++it) backward.insert(Key{*it});
-    EXPECT_EQ(members(forward), mapKeys(reference)) << n << " members";
-    EXPECT_EQ(members(backward), mapKeys(reference)) << n << " members";
+    expectHashMapOrder<Key>(values);
+    expectHashMapOrder<Key>(std::vector<std::uint64_t>(values.rbegin(), values.rend()));
   }
-}
-
-TEST(ValueSetTest, EqualHashesFollowKeyOrderOrInsertionOrderLikeHashMap) {
-  Vela::ValueSet<Crowded> crowded;
-  Vela::HashMap<Crowded, bool> crowdedRef;
-  Vela::ValueSet<Unordered> unordered;
-  Vela::HashMap<Unordered, bool> unorderedRef;
-  for (std::uint64_t v : {6u, 4u, 7u, 5u, 1u, 3u}) {
-    crowded.insert(Crowded{v});
-    crowdedRef.insertOrAssign(Crowded{v}, true);
-    unordered.insert(Unordered{v});
-    unorderedRef.insertOrAssign(Unordered{v}, true);
-  }
-  EXPECT_EQ(members(crowded), mapKeys(crowdedRef));
-  EXPECT_EQ(members(unordered), mapKeys(unorderedRef));
+  // Equal hashes follow key order, or insertion order for keys without one.
+  expectHashMapOrder<Crowded>({6, 4, 7, 5, 1, 3});
+  expectHashMapOrder<Unordered>({6, 4, 7, 5, 1, 3});
 }
 
 TEST(ValueSetTest, EqualityAndHashIgnoreInsertionOrderAndRepresentation) {
