@@ -25,7 +25,7 @@ IpsecSecurityAssociation sa(std::uint32_t spi) {
 // Each mutation must make the value differ from the original; equal values hash alike.
 template <class T>
 void expectEveryFieldCounts(T const& base, std::vector<std::function<void(T&)>> const& mutations) {
-  T copy = base;
+  T const copy = base;
   EXPECT_EQ(copy, base);
   EXPECT_EQ(Vela::hashOf(copy), Vela::hashOf(base));
   for (std::size_t i = 0; i < mutations.size(); ++i) {
@@ -40,8 +40,6 @@ TEST(L3TunnelInfoTest, TextualFormAndEquality) {
       Vela::valueToStrep(outerHeader()),
       "Value('Tunnel::L3TunnelInfo', ** {'src': '10.0.0.1', 'dst': '2001:db8::1', 'dscp': 46, 'ttl': 64})");
   EXPECT_EQ(Vela::parseValue<L3TunnelInfo>(Vela::valueToStrep(outerHeader())), outerHeader());
-  EXPECT_EQ(Vela::valueToStrep(L3TunnelInfo()),
-            "Value('Tunnel::L3TunnelInfo', ** {'src': '', 'dst': '', 'dscp': 0, 'ttl': 0})");
   expectEveryFieldCounts<L3TunnelInfo>(outerHeader(),
                                        {
                                            [](auto& v) { v.srcIs(Nimbo::IpGenAddr("10.0.0.2")); },
@@ -51,6 +49,13 @@ TEST(L3TunnelInfoTest, TextualFormAndEquality) {
                                        });
 }
 
+// The flags are the bits of the GRE header itself, and combinations of them
+// survive the text.
+static_assert(static_cast<int>(GreHdrFlagsType::checksumFlag) == 0x8000 &&
+              static_cast<int>(GreHdrFlagsType::keyFlag) == 0x2000 &&
+              static_cast<int>(GreHdrFlagsType::sequenceFlag) == 0x1000 &&
+              static_cast<int>(GreHdrFlagsType::versionMask) == 7);
+
 TEST(GreTunnelInfoTest, BaseFieldsComeFirstAndEveryFieldCounts) {
   GreTunnelInfo gre(outerHeader(), 0x0800, GreHdrFlagsType::keyFlag, GreHdrFlagsType::noFlag, 100, 200);
   EXPECT_EQ(
@@ -58,13 +63,6 @@ TEST(GreTunnelInfoTest, BaseFieldsComeFirstAndEveryFieldCounts) {
       "Value('Tunnel::GreTunnelInfo', ** {'src': '10.0.0.1', 'dst': '2001:db8::1', 'dscp': 46, 'ttl': 64, "
       "'protocol': 2048, 'oFlags': keyFlag, 'iFlags': noFlag, 'oKey': 100, 'iKey': 200})");
   EXPECT_EQ(Vela::parseValue<GreTunnelInfo>(Vela::valueToStrep(gre)), gre);
-
-  // Two infos differing only in iKey differ, while their outer headers are equal.
-  GreTunnelInfo other = gre;
-  other.iKeyIs(201);
-  EXPECT_NE(gre, other);
-  EXPECT_EQ(static_cast<L3TunnelInfo const&>(gre), static_cast<L3TunnelInfo const&>(other));
-
   expectEveryFieldCounts<GreTunnelInfo>(gre, {
                                                  [](auto& v) { v.ttlIs(1); },
                                                  [](auto& v) { v.protocolIs(0x86DD); },
@@ -73,37 +71,24 @@ TEST(GreTunnelInfoTest, BaseFieldsComeFirstAndEveryFieldCounts) {
                                                  [](auto& v) { v.oKeyIs(0); },
                                                  [](auto& v) { v.iKeyIs(0); },
                                              });
-}
 
-TEST(GreTunnelInfoTest, FlagCombinationsSurviveTheirText) {
-  // The bits of the GRE header itself.
-  EXPECT_EQ(static_cast<int>(GreHdrFlagsType::checksumFlag), 0x8000);
-  EXPECT_EQ(static_cast<int>(GreHdrFlagsType::keyFlag), 0x2000);
-  EXPECT_EQ(static_cast<int>(GreHdrFlagsType::sequenceFlag), 0x1000);
-  EXPECT_EQ(static_cast<int>(GreHdrFlagsType::versionMask), 7);
-
-  GreTunnelInfo gre;
   gre.oFlagsIs(static_cast<GreHdrFlagsType>(0x8000 | 0x2000));
   std::string const text = Vela::valueToStrep(gre);
   EXPECT_NE(text.find("'oFlags': 40960"), std::string::npos) << text;
   EXPECT_EQ(Vela::parseValue<GreTunnelInfo>(text), gre);
 }
 
-TEST(IpsecSessionKeyTest, LengthAndBytesBothDecideEquality) {
+TEST(IpsecSessionKeyTest, LengthAndBytesDecideEqualityAndTheHexTextIsNeverReadBack) {
   EXPECT_NE(key({1, 2}), key({1, 2, 3}));
   EXPECT_NE(key({}), key({0}));
   EXPECT_EQ(key({1, 2, 3}), key({1, 2, 3}));
   EXPECT_EQ(Vela::hashOf(key({1, 2, 3})), Vela::hashOf(key({1, 2, 3})));
-  EXPECT_EQ(key({1, 2, 3}).length(), 3);
-
   EXPECT_EQ(IpsecSessionKey(std::vector<std::uint8_t>(65535)).length(), 65535);
   EXPECT_THROW(IpsecSessionKey(std::vector<std::uint8_t>(65536)), Vela::RangeException);
   IpsecSessionKey k = key({9});
   EXPECT_THROW(k.dataIs(std::vector<std::uint8_t>(65536)), Vela::RangeException);
   EXPECT_EQ(k, key({9}));
-}
 
-TEST(IpsecSessionKeyTest, PrintsAsHexAndIsNeverReadBack) {
   EXPECT_EQ(Vela::valueToStrep(key({0x00, 0xa1, 0xff})), "'00a1ff'");
   EXPECT_EQ(Vela::valueToStrep(key({})), "''");
   EXPECT_EQ(thrownText<Vela::RangeException>([] { Vela::parseValue<IpsecSessionKey>("'00a1ff'"); }),

@@ -70,17 +70,6 @@ std::uint32_t murmur3x86_32(void const* data, std::size_t n, std::uint32_t seed)
 
 // --- TunnelId ----------------------------------------------------------------
 
-TEST(TunnelIdTest, ZeroIsTheInvalidIpv4UnknownId) {
-  TunnelId const id;
-  EXPECT_EQ(id, TunnelId::invalid);
-  EXPECT_EQ(id.value(), 0u);
-  EXPECT_FALSE(id.isValid());
-  EXPECT_TRUE(TunnelId(1).isValid());
-  EXPECT_EQ(id.tunnelType(), TunnelType::invalidTunnel);
-  EXPECT_EQ(id.tunnelTransportType(), TunnelTransportType::unknownTunnel);
-  EXPECT_EQ(id.tunnelAf(), Nimbo::AddressFamily::ipv4);
-}
-
 TEST(TunnelIdTest, ValuesAboveFortyEightBitsAreRejectedEverywhere) {
   std::string const text = "TunnelId::value < TunnelId::minValue or > TunnelId::maxValue not allowed";
   TunnelId const max(0xFFFFFFFFFFFF);
@@ -112,13 +101,6 @@ TEST(TunnelIdTest, ConvertToTunnelValuePacksTypeIndexAndFamily) {
   EXPECT_EQ(thrownText<Vela::RangeException>(
                 [] { TunnelId::convertToTunnelValue(TunnelType::invalidTunnel, ~0ull); }),
             text);
-
-  // An IPv6 LDP id can be built, but its family is an internal error...
-  TunnelId const ldp6(TunnelId::convertToTunnelValue(TunnelType::ldpTunnel, 0x80000000001));
-  EXPECT_EQ(ldp6.value(), 0x380000000001u);
-  EXPECT_EQ(thrownText<Vela::InternalException>([&] { ldp6.tunnelAf(); }), "IPv6 not yet supported for 3");
-  // ...while the CLI family text does not look at the type.
-  EXPECT_EQ(ldp6.addressFamilyCliStr(), "IPv6");
 }
 
 TEST(TunnelIdTest, TransportTypeAndFamilyRulesForAllSixteenTypes) {
@@ -161,27 +143,15 @@ TEST(TunnelIdTest, TransportTypeAndFamilyRulesForAllSixteenTypes) {
 }
 
 TEST(TunnelIdTest, CliAndDebugStrings) {
-  char const* const cli[16] = {"invalidTunnel",
-                               "BGP LU Push",
-                               "BGP LU",
-                               "LDP",
-                               "Nexthop",
-                               "Static MPLS",
-                               "EVPN VXLAN",
-                               "IS-IS SR",
-                               "srTeSegmentListTunnel",
-                               "Static Interface",
-                               nullptr,
-                               nullptr,
-                               nullptr,
-                               nullptr,
-                               nullptr,
-                               "maxTunnelType"};
-  for (unsigned t = 0; t < 16; ++t) {
-    TunnelId const id(idValue(t, 1));
-    // Types 10-14 fall back to the enumeration's own output for a non-enumerator.
-    EXPECT_EQ(id.typeCliStr(), cli[t] ? cli[t] : Vela::enumName(static_cast<TunnelType>(t))) << t;
-  }
+  std::string names, fallback;
+  for (unsigned t = 0; t < 16; ++t) names += std::string(TunnelId(idValue(t, 1)).typeCliStr()) + ",";
+  // Types 10-14 fall back to the enumeration's own output for a non-enumerator.
+  for (unsigned t = 10; t < 15; ++t) fallback += Vela::enumName(static_cast<TunnelType>(t)) + ",";
+  EXPECT_EQ(
+      names,
+      "invalidTunnel,BGP LU Push,BGP LU,LDP,Nexthop,Static MPLS,EVPN VXLAN,IS-IS SR,srTeSegmentListTunnel,"
+      "Static Interface," +
+          fallback + "maxTunnelType,");
 
   TunnelId const sr6(TunnelId::convertToTunnelValue(TunnelType::srTunnel, 0x80000000005));
   EXPECT_EQ(sr6.toCliStrep(), "IS-IS SR IPv6 Tunnel index 5");
@@ -213,7 +183,10 @@ TEST(TunnelIdTest, HashIsJenkinsOneAtATimeOverTheEightValueBytes) {
   }
 }
 
-TEST(TunnelIdTest, OrderingIsUnsignedValueOrder) {
+TEST(TunnelIdTest, ZeroIsTheInvalidIdAndOrderingIsUnsignedValueOrder) {
+  EXPECT_EQ(TunnelId(), TunnelId::invalid);
+  EXPECT_FALSE(TunnelId().isValid());
+  EXPECT_TRUE(TunnelId(1).isValid());
   TunnelId const ldp4(idValue(3, 5)), ldp6(idValue(3, 5, true)), max(0xFFFFFFFFFFFF);
   EXPECT_LT(TunnelId::invalid, ldp4);
   EXPECT_LT(ldp4, ldp6);
@@ -288,18 +261,11 @@ TEST(EncapIdTest, HashIsMurmur3X86With32BitsAndSeedZero) {
 
 // --- Id64 and Id64Allocator --------------------------------------------------
 
-TEST(Id64Test, DecimalTextAndOrder) {
+TEST(Id64AllocatorTest, HandsOutIdsInOrderUpToTheMaximumAndNotifiesEachStep) {
   EXPECT_EQ(Vela::valueToStrep(Id64(18446744073709551615ull)), "18446744073709551615");
   EXPECT_EQ(Vela::parseValue<Id64>("42"), Id64(42));
-  EXPECT_EQ(Id64(), Id64(0));
   EXPECT_LT(Id64(2), Id64(10));
-}
-
-TEST(Id64AllocatorTest, HandsOutOneTwoThreeAndNotifiesEachStep) {
   auto alloc = Vela::make<Id64Allocator>("ids");
-  EXPECT_EQ(alloc->typeName(), "Tunnel::TunnelTable::Id64Allocator");
-  EXPECT_EQ(alloc->currentId(), Id64(0));
-  EXPECT_EQ(Id64Allocator::maxId(), Id64(0xFFFFFFFF));
   int notified = 0;
   auto sub = alloc->currentIdChanged().connect([&] { ++notified; });
   EXPECT_EQ(alloc->newId(), Id64(1));
@@ -309,12 +275,10 @@ TEST(Id64AllocatorTest, HandsOutOneTwoThreeAndNotifiesEachStep) {
   alloc->currentIdInc(Id64(10));
   EXPECT_EQ(alloc->newId(), Id64(14));
   EXPECT_EQ(notified, 5);
-}
 
-TEST(Id64AllocatorTest, AssertsOnceTheMaximumIsReached) {
-  auto alloc = Vela::make<Id64Allocator>();
+  // The maximum itself is handed out, and then the allocator asserts.
   alloc->currentIdIs(Id64(0xFFFFFFFE));
-  EXPECT_EQ(alloc->newId(), Id64(0xFFFFFFFF));  // the maximum itself is handed out
+  EXPECT_EQ(alloc->newId(), Id64(0xFFFFFFFF));
   EXPECT_EQ(assertionText([&] { alloc->newId(); }),
             "( currentId() < maxId() ) && \"Reached maximum number of IDs.\"");
   EXPECT_EQ(alloc->currentId(), Id64(0xFFFFFFFF));

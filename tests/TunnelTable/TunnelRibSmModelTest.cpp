@@ -25,6 +25,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TunnelTable/TunnelRibSm.h"
@@ -55,9 +56,21 @@ struct ModelTunnel {
   Fields fields;
 };
 
-// Expected content: per protocol, per TEP, the ids (values) offered.
+// Expected content: per protocol and TEP, the ids (values) offered.
 using IdSet = std::set<std::uint64_t>;
-using Offers = std::map<TunnelType, std::map<int, IdSet>>;
+using Offers = std::map<std::pair<TunnelType, int>, IdSet>;
+
+IdSet offeredAt(Offers const& offers, TunnelType type, int tep) {
+  auto const it = offers.find({type, tep});
+  return it == offers.end() ? IdSet() : it->second;
+}
+
+template <class... Parts>
+std::string text(Parts const&... parts) {
+  std::ostringstream os;
+  (os << ... << parts);
+  return os.str();
+}
 
 class Model {
  public:
@@ -75,7 +88,7 @@ class Model {
   Offers offers() const {
     Offers out;
     for (auto const& [id, t] : tunnels) {
-      if (offered(id)) out[TunnelId(id).tunnelType()][t.tep].insert(id);
+      if (offered(id)) out[{TunnelId(id).tunnelType(), t.tep}].insert(id);
     }
     return out;
   }
@@ -83,12 +96,9 @@ class Model {
   // The selected ids of a TEP: those of the most preferred protocol offering one.
   IdSet selected(Offers const& offers, int tep, TunnelType* winner) const {
     for (TunnelType type : kByPreference) {
-      auto p = offers.find(type);
-      if (p == offers.end()) continue;
-      auto t = p->second.find(tep);
-      if (t != p->second.end() && !t->second.empty()) {
+      if (IdSet ids = offeredAt(offers, type, tep); !ids.empty()) {
         *winner = type;
-        return t->second;
+        return ids;
       }
     }
     return {};
@@ -176,10 +186,7 @@ class World {
       auto const protoRib = coll_->protocolTunnelRib(type)->tunnelRib();
       std::size_t entries = 0;
       for (int t = 0; t < kTeps; ++t) {
-        IdSet want;
-        if (auto p = offers.find(type); p != offers.end()) {
-          if (auto s = p->second.find(t); s != p->second.end()) want = s->second;
-        }
+        IdSet const want = offeredAt(offers, type, t);
         IdSet const got = idsOf(protoRib, teps_[t]);
         if (want != got) {
           err << type << " RIB " << teps_[t] << ": want " << show(want) << " got " << show(got) << "; ";
@@ -238,78 +245,63 @@ class World {
     return present[std::uniform_int_distribution<std::size_t>(0, present.size() - 1)(rng)];
   }
 
+  // LDP and SR tables hold the same entries.
+  TunnelTableEntryCollection<LdpSrTunnelTableEntry>& igpTable(TunnelId id) {
+    if (id.tunnelType() == TunnelType::ldpTunnel) return *ldp_;
+    return *sr_;
+  }
+
   // Writes the model's view of `id` into its table.
   void write(TunnelId id) {
     ModelTunnel const& t = model_.tunnels.at(id.value());
     Nimbo::IpGenPrefix const& tep = teps_[t.tep];
-    switch (id.tunnelType()) {
-      case TunnelType::bgpLuTunnel: {
-        BgpLuTunnelTableEntry e(id);
-        e.tepIs(tep);
-        e.contributionIs(t.contributing ? ContributionToTunnelRIB::contributing
-                                        : ContributionToTunnelRIB::nonContributing);
-        e.bgpMetricIs(t.fields.metric);
-        e.bgpMetric2Is(t.fields.metric2);
-        e.bgpPrefIs(t.fields.pref);
-        e.bgpPref2Is(t.fields.pref2);
-        bgpLu_->entryIs(e);
-        break;
-      }
-      case TunnelType::ldpTunnel:
-      case TunnelType::srTunnel: {
-        LdpSrTunnelTableEntry e(id);
-        e.tepIs(tep);
-        e.igpMetricIs(t.fields.metric);
-        e.igpMetric2Is(t.fields.metric2);
-        e.igpPrefIs(t.fields.pref);
-        e.igpPref2Is(t.fields.pref2);
-        if (id.tunnelType() == TunnelType::ldpTunnel) {
-          ldp_->entryIs(e);
-        } else {
-          sr_->entryIs(e);
-        }
-        break;
-      }
-      default: {
-        StaticTunnelTableEntry e(id);
-        e.tepIs(tep);
-        static_->entryIs(e);
-        break;
-      }
+    if (id.tunnelType() == TunnelType::bgpLuTunnel) {
+      BgpLuTunnelTableEntry e(id);
+      e.tepIs(tep);
+      e.contributionIs(t.contributing ? ContributionToTunnelRIB::contributing
+                                      : ContributionToTunnelRIB::nonContributing);
+      e.bgpMetricIs(t.fields.metric);
+      e.bgpMetric2Is(t.fields.metric2);
+      e.bgpPrefIs(t.fields.pref);
+      e.bgpPref2Is(t.fields.pref2);
+      bgpLu_->entryIs(e);
+    } else if (id.tunnelType() == TunnelType::staticTunnel) {
+      StaticTunnelTableEntry e(id);
+      e.tepIs(tep);
+      static_->entryIs(e);
+    } else {
+      LdpSrTunnelTableEntry e(id);
+      e.tepIs(tep);
+      e.igpMetricIs(t.fields.metric);
+      e.igpMetric2Is(t.fields.metric2);
+      e.igpPrefIs(t.fields.pref);
+      e.igpPref2Is(t.fields.pref2);
+      igpTable(id).entryIs(e);
     }
   }
   void erase(TunnelId id) {
-    switch (id.tunnelType()) {
-      case TunnelType::bgpLuTunnel:
-        bgpLu_->entryDel(id);
-        break;
-      case TunnelType::ldpTunnel:
-        ldp_->entryDel(id);
-        break;
-      case TunnelType::srTunnel:
-        sr_->entryDel(id);
-        break;
-      default:
-        static_->entryDel(id);
-        break;
+    if (id.tunnelType() == TunnelType::bgpLuTunnel) {
+      bgpLu_->entryDel(id);
+    } else if (id.tunnelType() == TunnelType::staticTunnel) {
+      static_->entryDel(id);
+    } else {
+      igpTable(id).entryDel(id);
     }
   }
 
   std::string addOrUpdate(std::mt19937_64& rng) {
     TunnelId const id = pickId(rng);
     ModelTunnel& t = model_.tunnels[id.value()];
-    std::ostringstream d;
+    std::string d = text("update ", id);
     if (!t.present) {
       t.present = true;
       t.tep = pickTep(rng);
       t.contributing = std::uniform_int_distribution<int>(0, 4)(rng) != 0;
-      d << "add " << id << " tep " << teps_[t.tep] << (t.contributing ? "" : " nonContributing");
-    } else {
-      d << "update " << id;
+      d = text("add ", id, " tep ", teps_[t.tep], t.contributing ? "" : " nonContributing");
     }
     t.fields = pickFields(rng);
     write(id);
-    return d.str();
+    return d;
   }
 
   std::string changeTep(std::mt19937_64& rng) {
@@ -317,19 +309,12 @@ class World {
     if (!id.isValid()) return {};
     ModelTunnel& t = model_.tunnels.at(id.value());
     int const newTep = (t.tep + 1 + std::uniform_int_distribution<int>(0, kTeps - 2)(rng)) % kTeps;
-    std::ostringstream d;
-    if (started() && model_.offered(id.value())) {
-      // An entered id would stay under its old TEP too: move it by removal and add.
-      erase(id);
-      t.tep = newTep;
-      write(id);
-      d << "move " << id << " to " << teps_[newTep];
-    } else {
-      t.tep = newTep;
-      write(id);
-      d << "change tep of " << id << " to " << teps_[newTep];
-    }
-    return d.str();
+    // An entered id would stay under its old TEP too: move it by removal and add.
+    bool const move = started() && model_.offered(id.value());
+    if (move) erase(id);
+    t.tep = newTep;
+    write(id);
+    return text(move ? "move " : "change tep of ", id, " to ", teps_[newTep]);
   }
 
   std::string remove(std::mt19937_64& rng) {
@@ -337,9 +322,7 @@ class World {
     if (!id.isValid()) return {};
     model_.tunnels.at(id.value()).present = false;
     erase(id);
-    std::ostringstream d;
-    d << "remove " << id;
-    return d.str();
+    return text("remove ", id);
   }
 
   std::string flipContribution(std::mt19937_64& rng) {
@@ -348,37 +331,27 @@ class World {
     ModelTunnel& t = model_.tunnels.at(id.value());
     t.contributing = !t.contributing;
     write(id);
-    std::ostringstream d;
-    d << "contribution of " << id << (t.contributing ? " on" : " off");
-    return d.str();
+    return text("contribution of ", id, t.contributing ? " on" : " off");
   }
 
   std::string toggleUnprogrammable(std::mt19937_64& rng) {
     bool const otherType = std::uniform_int_distribution<int>(0, 9)(rng) == 0;
     TunnelId const id = otherType ? nexthopId_ : pickId(rng);
-    std::ostringstream d;
     if (model_.unprogrammable.count(id.value())) {
       model_.unprogrammable.erase(id.value());
       unprogrammable_->entryDel(id);
-      d << "programmable " << id;
-      return d.str();
+      return text("programmable ", id);
     }
     auto it = model_.tunnels.find(id.value());
     if (started() && it != model_.tunnels.end() && it->second.present && !it->second.contributing &&
         id.tunnelType() == TunnelType::bgpLuTunnel) {
       // The second removal of a withdrawn tunnel would delete a per-protocol
       // entry that holds exactly one other id.
-      Offers const offers = model_.offers();
-      auto p = offers.find(TunnelType::bgpLuTunnel);
-      if (p != offers.end()) {
-        auto s = p->second.find(it->second.tep);
-        if (s != p->second.end() && s->second.size() == 1) return {};
-      }
+      if (offeredAt(model_.offers(), TunnelType::bgpLuTunnel, it->second.tep).size() == 1) return {};
     }
     model_.unprogrammable.insert(id.value());
     unprogrammable_->entryIs(id, true);
-    d << "unprogrammable " << id;
-    return d.str();
+    return text("unprogrammable ", id);
   }
 
   // The aggregator drops the machine and makes a new one over the same

@@ -103,11 +103,7 @@ class TunnelRibSmTest : public ::testing::Test {
   void deleteSr(TunnelId id) { srTable->entryDel(id); }
   void deleteStatic(TunnelId id) { staticTable->entryDel(id); }
   void unprogrammableIs(TunnelId id, bool in) {
-    if (in) {
-      unprogrammable->entryIs(id, true);
-    } else {
-      unprogrammable->entryDel(id);
-    }
+    in ? unprogrammable->entryIs(id, true) : unprogrammable->entryDel(id);
   }
 
   Vela::Ptr<TunnelRib> protoRib(TunnelType type) const {
@@ -126,10 +122,6 @@ class TunnelRibSmTest : public ::testing::Test {
     auto e = tunnelRib->entry(tep);
     if (!e) return {};
     return {e->metric(), e->metric2(), e->pref(), e->pref2()};
-  }
-  Metrics bgpLuMetrics(TunnelId id) const {
-    auto const& e = bgpLuTable->entry(id);
-    return {e.bgpMetric(), e.bgpMetric2(), e.bgpPref(), e.bgpPref2()};
   }
 
   Vela::Ptr<TunnelRib> tunnelRib = Vela::make<TunnelRib>("tunnelRib");
@@ -154,29 +146,19 @@ TEST_F(TunnelRibSmTest, EnteringATunnelTracesEachStepOnce) {
   std::vector<std::string> texts;
   for (Skein::Line const& line : cap.lines()) texts.push_back(line.text);
   std::string const id = str(bgpLuId(1));
-  EXPECT_EQ(
-      texts,
-      (std::vector<std::string>{
-          "void Tunnel::TunnelTable::TunnelRibSm::handleBgpLuTunnelEntry(const "
-          "Tunnel::TunnelTable::TunnelId&) tunnel ID " +
-              id,
-          "void Tunnel::TunnelTable::TunnelRibSm::doUpdateLocalCollectionsAndTunnelRib(const "
-          "Tunnel::TunnelTable::TunnelId&, const Nimbo::IpGenPrefix&, bool) for tunnel id " +
-              id + ", tep 10.0.0.1/32, add: 1",
-          "void Tunnel::TunnelTable::TunnelRibSm::assertProtoTunnelRib(Tunnel::TunnelTable::TunnelType) "
-          "const",
-          "bgpLuTunnel: adding protocol-specific TEP / tunnel ID mapping, tunnel ID " + id +
-              ", TEP 10.0.0.1/32",
-          "void Tunnel::TunnelTable::TunnelRibSm::doUpdateTunnelRibEntry(const "
-          "Tunnel::TunnelTable::TunnelId&, "
-          "const Nimbo::IpGenPrefix&, bool)",
-          "Adding Tunnel RIB entry tep: 10.0.0.1/32 id: " + id,
-          "void Tunnel::TunnelTable::TunnelRibSm::doAddTunnelId(const Tunnel::TunnelTable::TunnelId&, const "
-          "Nimbo::IpGenPrefix&)",
-          "void Tunnel::TunnelTable::TunnelRibSm::doAddTunnelId(const Tunnel::TunnelTable::TunnelId&, const "
-          "Nimbo::IpGenPrefix&) updating id: " +
-              id + ", m: 10, m2: 11, p: 12, p2: 13",
-      }));
+  std::string const fn = "void Tunnel::TunnelTable::TunnelRibSm::";
+  std::string const args = "(const Tunnel::TunnelTable::TunnelId&, const Nimbo::IpGenPrefix&";
+  EXPECT_EQ(texts,
+            (std::vector<std::string>{
+                fn + "handleBgpLuTunnelEntry(const Tunnel::TunnelTable::TunnelId&) tunnel ID " + id,
+                fn + "doUpdateLocalCollectionsAndTunnelRib" + args + ", bool) for tunnel id " + id +
+                    ", tep 10.0.0.1/32, add: 1",
+                fn + "assertProtoTunnelRib(Tunnel::TunnelTable::TunnelType) const",
+                "bgpLuTunnel: adding protocol-specific TEP / tunnel ID mapping, tunnel ID " + id +
+                    ", TEP 10.0.0.1/32",
+                fn + "doUpdateTunnelRibEntry" + args + ", bool)",
+                "Adding Tunnel RIB entry tep: 10.0.0.1/32 id: " + id, fn + "doAddTunnelId" + args + ")",
+                fn + "doAddTunnelId" + args + ") updating id: " + id + ", m: 10, m2: 11, p: 12, p2: 13"}));
 }
 
 TEST_F(TunnelRibSmTest, LdpWinsOverBgpLuAndWithdrawalFallsBackToAllBgpLuIds) {
@@ -210,8 +192,9 @@ TEST_F(TunnelRibSmTest, LdpWinsOverBgpLuAndWithdrawalFallsBackToAllBgpLuIds) {
   EXPECT_EQ(ribIds(tep), ids({bgpLuId(1), bgpLuId(2), bgpLuId(3)}));
   EXPECT_EQ(protoIds(TunnelType::ldpTunnel, tep), ids({}));
   // The fields are those of the BGP LU id entered last, which is the metric source.
-  TunnelId const source = sm->tunRibMetricTunId(tep);
-  EXPECT_EQ(metrics(tep), bgpLuMetrics(source));
+  auto const& source = bgpLuTable->entry(sm->tunRibMetricTunId(tep));
+  EXPECT_EQ(metrics(tep),
+            (Metrics{source.bgpMetric(), source.bgpMetric2(), source.bgpPref(), source.bgpPref2()}));
 }
 
 TEST_F(TunnelRibSmTest, ProtocolOrderStaticLdpSrBgpLu) {
@@ -240,7 +223,9 @@ TEST_F(TunnelRibSmTest, ProtocolOrderStaticLdpSrBgpLu) {
   EXPECT_EQ(sm->tunnelIdToTeps().size(), 0u);
 }
 
-TEST_F(TunnelRibSmTest, TwoBgpLuIdsShowTheLastAddedAndThenTheFirstRemaining) {
+// BGP LU fields come from the id entered or updated last, and on its removal
+// from the first remaining one.
+TEST_F(TunnelRibSmTest, FieldsComeFromTheMetricSourceId) {
   start();
   auto const tep = prefix("10.0.0.3/32");
   addBgpLu(bgpLuId(1), tep, {1, 2, 3, 4});
@@ -265,18 +250,15 @@ TEST_F(TunnelRibSmTest, TwoBgpLuIdsShowTheLastAddedAndThenTheFirstRemaining) {
   EXPECT_EQ(ribIds(tep), ids({bgpLuId(3)}));
   EXPECT_EQ(metrics(tep), (Metrics{13, 14, 15, 16}));
   EXPECT_EQ(sm->tunRibMetricTunId(tep), bgpLuId(3));
-}
 
-TEST_F(TunnelRibSmTest, LdpFieldsStayAfterTheirIdIsRemoved) {
-  start();
-  auto const tep = prefix("10.0.0.5/32");
-  addLdp(ldpId(1), tep, {1, 2, 3, 4});
-  addLdp(ldpId(2), tep, {5, 6, 7, 8});
-  EXPECT_EQ(metrics(tep), (Metrics{5, 6, 7, 8}));
+  // Only BGP LU fields are re-copied on removal: an LDP entry still shows the removed id's fields.
+  auto const ldpTep = prefix("10.0.0.5/32");
+  addLdp(ldpId(1), ldpTep, {1, 2, 3, 4});
+  addLdp(ldpId(2), ldpTep, {5, 6, 7, 8});
+  EXPECT_EQ(metrics(ldpTep), (Metrics{5, 6, 7, 8}));
   deleteLdp(ldpId(2));
-  // Only BGP LU fields are re-copied on removal: the entry still shows the removed id's fields.
-  EXPECT_EQ(ribIds(tep), ids({ldpId(1)}));
-  EXPECT_EQ(metrics(tep), (Metrics{5, 6, 7, 8}));
+  EXPECT_EQ(ribIds(ldpTep), ids({ldpId(1)}));
+  EXPECT_EQ(metrics(ldpTep), (Metrics{5, 6, 7, 8}));
 }
 
 TEST_F(TunnelRibSmTest, EqualTablePrefKeepsTheProtocolThatCameFirst) {
@@ -333,18 +315,6 @@ TEST_F(TunnelRibSmTest, NonContributingBgpLuIsRemovedLikeADeletedEntry) {
   EXPECT_EQ(ribIds(tep), ids({bgpLuId(2)}));
 }
 
-TEST_F(TunnelRibSmTest, RemovingAnUnknownIdOnlyTraces) {
-  start();
-  auto const tep = prefix("10.0.3.2/32");
-  addLdp(ldpId(1), tep);
-  Skein::CaptureSink cap(8);
-  deleteLdp(ldpId(7));  // never added: the table does not notify
-  sm->handleLdpSrTunnelEntry(ldpId(7));
-  EXPECT_TRUE(cap.contains("No entry for tep  in ldpTunnel's table tunnel rib"));
-  EXPECT_FALSE(cap.contains("Deleting Tunnel RIB entry"));
-  EXPECT_EQ(ribIds(tep), ids({ldpId(1)}));
-}
-
 // --- unprogrammable tunnels ---------------------------------------------------------------------------
 
 TEST_F(TunnelRibSmTest, UnprogrammableIdIsIgnoredByTheTableAndRestoredWhenItLeavesTheSet) {
@@ -391,15 +361,6 @@ TEST_F(TunnelRibSmTest, UnprogrammableBgpLuIsRestoredOnlyWhenContributing) {
   EXPECT_EQ(protoIds(TunnelType::bgpLuTunnel, tep), ids({bgpLuId(1)}));
 }
 
-TEST_F(TunnelRibSmTest, UnprogrammableIdsOfOtherTypesAreNotLookedAt) {
-  start();
-  Skein::CaptureSink cap(8);
-  TunnelId const nexthop = makeId(TunnelType::nexthopTunnel, 1);
-  unprogrammableIs(nexthop, true);
-  EXPECT_TRUE(cap.contains(str(nexthop) + " doesn't contribute to tunnel rib"));
-  EXPECT_EQ(tunnelRib->entrys().size(), 0u);
-}
-
 // Literal rule: removing an id from a per-protocol entry that holds exactly
 // one id deletes the entry, whichever id it holds. A non-contributing BGP LU
 // tunnel was already withdrawn; when it also becomes unprogrammable it is
@@ -439,21 +400,18 @@ TEST_F(TunnelRibSmTest, TepChangedInPlaceStaysUnderTheOldTep) {
 
 // --- convergence -------------------------------------------------------------------------------------
 
+// Not run at construction; afterwards each convergence inverts the flag.
 TEST_F(TunnelRibSmTest, ConvergenceInvertsTheFlagEachTimeBgpConverges) {
-  start();
-  EXPECT_FALSE(tunnelRib->tunnelRibConverged());
   bgpLuTable->bgpConvergedIs(true);
+  tunnelRib->tunnelRibConvergedIs(true);
+  start();
   EXPECT_TRUE(tunnelRib->tunnelRibConverged());
   bgpLuTable->bgpConvergedIs(false);
   EXPECT_TRUE(tunnelRib->tunnelRibConverged());
   bgpLuTable->bgpConvergedIs(true);
   EXPECT_FALSE(tunnelRib->tunnelRibConverged());
-}
-
-TEST_F(TunnelRibSmTest, ConvergenceIsNotRunAtConstruction) {
+  bgpLuTable->bgpConvergedIs(false);
   bgpLuTable->bgpConvergedIs(true);
-  tunnelRib->tunnelRibConvergedIs(true);
-  start();
   EXPECT_TRUE(tunnelRib->tunnelRibConverged());
 }
 
@@ -546,9 +504,16 @@ TEST_F(TunnelRibSmTest, HandlerAndWorkerTraceLines) {
                            ", TEP 10.0.8.1/32"));
   EXPECT_TRUE(cap.contains("Deleting Tunnel RIB entry tep: 10.0.8.1/32 id: " + id));
   for (auto const& line : cap.lines()) EXPECT_EQ(line.level, 8);
+
+  // Removing an id that was never entered only traces.
+  cap.clear();
+  sm->handleLdpSrTunnelEntry(ldpId(7));
+  EXPECT_TRUE(cap.contains("No entry for tep  in ldpTunnel's table tunnel rib"));
+  EXPECT_FALSE(cap.contains("Deleting Tunnel RIB entry"));
+  EXPECT_EQ(ribIds(tep), ids({ldpId(2)}));
 }
 
-TEST_F(TunnelRibSmTest, UnknownTunnelTypesYieldPreferenceZeroAndTheDefaultEntry) {
+TEST_F(TunnelRibSmTest, OtherTunnelTypesYieldPreferenceZeroTheDefaultEntryAndAreNotLookedAt) {
   start();
   Skein::CaptureSink cap(8);
   TunnelId const nexthop = makeId(TunnelType::nexthopTunnel, 3);
@@ -559,6 +524,10 @@ TEST_F(TunnelRibSmTest, UnknownTunnelTypesYieldPreferenceZeroAndTheDefaultEntry)
                    "nexthopTunnel"));
   EXPECT_TRUE(!sm->tunnelTableEntry(nexthop));
   EXPECT_TRUE(cap.contains("Unknown tunnel type nexthopTunnel"));
+  // Unprogrammable ids of such types are not looked at.
+  unprogrammableIs(nexthop, true);
+  EXPECT_TRUE(cap.contains(str(nexthop) + " doesn't contribute to tunnel rib"));
+  EXPECT_EQ(tunnelRib->entrys().size(), 0u);
 }
 
 // --- failures ----------------------------------------------------------------------------------------

@@ -31,8 +31,8 @@ TEST_F(NexthopTunnelTableSmTest, EqualDescriptionsShareOneTunnelAndCountUsers) {
   auto const a1 = sm->createOrUpdateStatus(greTo("10.0.0.2"));
   auto const a2 = sm->createOrUpdateStatus(greTo("10.0.0.2"));
   auto const b = sm->createOrUpdateStatus(greTo("10.0.0.3"));
-  EXPECT_EQ(a1.tunnelId, TunnelId(1));
-  EXPECT_EQ(a1.refCount, 1u);
+  EXPECT_EQ(Vela::valueToStrep(a1),
+            "Value('Tunnel::TunnelTable::ReverseTunnelEntry', ** {'tunnelId': 1, 'refCount': 1})");
   EXPECT_EQ(a2.tunnelId, TunnelId(1));
   EXPECT_EQ(a2.refCount, 2u);
   EXPECT_EQ(b.tunnelId, TunnelId(2));
@@ -56,46 +56,40 @@ TEST_F(NexthopTunnelTableSmTest, TunnelWhoseCountReachedZeroIsRevivedWithItsId) 
   EXPECT_EQ(sm->nextAvailableIndex(), 2u);  // no new id was used
 }
 
-TEST_F(NexthopTunnelTableSmTest, DeletingAnUnknownTunnelStopsOnTheAssertion) {
+TEST_F(NexthopTunnelTableSmTest, DeletingWhatTheAllocatorDidNotHandOutStopsOnAnAssertion) {
   EXPECT_EQ(assertionText([&] { sm->deleteTunnelEntry(TunnelId(42)); }),
             "fetchedL3Info != NexthopTunnelL3Info()");
-}
-
-TEST_F(NexthopTunnelTableSmTest, ReverseIndexThatNamesAnotherTunnelStopsOnTheAssertion) {
+  // A table entry whose reverse index names another tunnel.
   auto const a = sm->createOrUpdateStatus(greTo("10.0.0.2"));
-  table->entryIs(TunnelId(7), greTo("10.0.0.2"));  // a table entry the allocator did not hand out
+  table->entryIs(TunnelId(7), greTo("10.0.0.2"));
   EXPECT_EQ(assertionText([&] { sm->deleteTunnelEntry(TunnelId(7)); }),
             "reverseEntry.tunnelId() == tunnelId");
   EXPECT_EQ(sm->refCount(a.tunnelId), 1u);
 }
 
-TEST_F(NexthopTunnelTableSmTest, CountersAreReplacedNotAdded) {
-  auto const t = sm->createOrUpdateStatus(greTo("10.0.0.2")).tunnelId;
-  sm->updateHwStatusCounters(t, 10, 1000);
-  sm->updateHwStatusCounters(t, 10, 1000);
-  EXPECT_EQ(sm->getL2Info(t).packets, 10u);
-  EXPECT_EQ(sm->getL2Info(t).bytes, 1000u);
-  sm->updateCounterInfo(t, 5, Quay::ChipSet(0x3), 20, 2000);
-  auto const info = sm->getL2Info(t);
-  EXPECT_EQ(info.counterIndex, 5u);
-  EXPECT_EQ(info.chipMask, Quay::ChipSet(0x3));
-  EXPECT_EQ(info.packets, 20u);
-}
-
-TEST_F(NexthopTunnelTableSmTest, ClearCountersKeepsEveryOtherField) {
+TEST_F(NexthopTunnelTableSmTest, CountersAreReplacedNotAddedAndClearingKeepsEveryOtherField) {
   NexthopTunnelL2Info l2;
   l2.vlanId = 100;
   l2.macAddr = Nimbo::EthAddr::fromStrep("00:1c:73:00:00:01");
   l2.counterIndex = 9;
   l2.chipMask = Quay::ChipSet(0x5);
-  l2.packets = 3;
-  l2.bytes = 300;
-  auto const reverse = sm->doUpdateTunnel(greTo("10.0.0.2"), l2);
-  sm->clearCounters();
+  auto const t = sm->doUpdateTunnel(greTo("10.0.0.2"), l2).tunnelId;
+  sm->updateHwStatusCounters(t, 10, 1000);
+  sm->updateHwStatusCounters(t, 10, 1000);
   auto expected = l2;
+  expected.packets = 10;
+  expected.bytes = 1000;
+  EXPECT_EQ(sm->getL2Info(t), expected);
+  sm->updateCounterInfo(t, 5, Quay::ChipSet(0x3), 20, 2000);
+  expected.counterIndex = 5;
+  expected.chipMask = Quay::ChipSet(0x3);
+  expected.packets = 20;
+  expected.bytes = 2000;
+  EXPECT_EQ(sm->getL2Info(t), expected);
+  sm->clearCounters();
   expected.packets = 0;
   expected.bytes = 0;
-  EXPECT_EQ(sm->getL2Info(reverse.tunnelId), expected);
+  EXPECT_EQ(sm->getL2Info(t), expected);
 }
 
 TEST_F(NexthopTunnelTableSmTest, RestartClearsTheTablesAndCountsFromOne) {
@@ -116,22 +110,11 @@ TEST_F(NexthopTunnelTableSmTest, WithoutTablesNothingIsAllocated) {
   EXPECT_EQ(bare->nextAvailableIndex(), 1u);
 }
 
-TEST(NexthopValuesTest, NextHopIndexBounds) {
+TEST(NexthopValuesTest, IndexBoundsCounterIdLayoutAndL3InfoText) {
   EXPECT_EQ(NextHopIndex(127).value(), 127u);
   EXPECT_EQ(thrownText<Vela::RangeException>([] { NextHopIndex(128); }),
             "NextHopIndex::value < NextHopIndex::min or > NextHopIndex::max not allowed");
-}
-
-TEST(NexthopValuesTest, CounterIdPacksGroupInTheHighHalf) {
   EXPECT_EQ(TunnelCounterId::convertToTunnelValue(3, 7), 0x300000007ull);
-}
-
-TEST(NexthopValuesTest, TextualForms) {
-  ReverseTunnelEntry r;
-  r.tunnelId = TunnelId(5);
-  r.refCount = 2;
-  EXPECT_EQ(Vela::valueToStrep(r),
-            "Value('Tunnel::TunnelTable::ReverseTunnelEntry', ** {'tunnelId': 5, 'refCount': 2})");
   auto const l3 = Vela::valueToStrep(greTo("10.0.0.2"));
   EXPECT_EQ(l3.rfind("Value('Tunnel::TunnelTable::NexthopTunnelL3Info', ** {'groupType': gre, 'ttl': 64, "
                      "'sourceIp': '10.0.0.1', 'destinationIp': '10.0.0.2', 'mplsLabelStack': ",

@@ -121,29 +121,18 @@ TEST(TunnelTableEntryTest, TextualFormsOfTheInterfaceAndEvpnEntries) {
             "'00:1c:73:00:00:01', 'vlanId': 10, 'vni': 10010, 'vtepAddr': '192.0.2.1'})");
 }
 
-TEST(TunnelTableEntryTest, ViaSetsAreNeverPrinted) {
-  StaticTunnelTableEntry a(makeId(TunnelType::staticTunnel, 1));
-  StaticTunnelTableEntry b = a;
-  for (char const* nh : {"10.1.0.1", "10.1.0.2", "10.1.0.3"}) a.viaIs(via(nh, "Ethernet1"), true);
-  EXPECT_EQ(a.vias().size(), 3u);
-  EXPECT_NE(Vela::valueToStrep(a).find("'via': None"), std::string::npos);
-  // Entries that differ only in their vias print alike, yet differ.
-  EXPECT_EQ(Vela::valueToStrep(a), Vela::valueToStrep(b));
-  EXPECT_NE(a, b);
-}
-
-TEST(TunnelTableEntryTest, EqualityIgnoresViaInsertionOrder) {
+// Vias form a set: insertion order does not count, every member does, and
+// the set is never printed.
+TEST(TunnelTableEntryTest, EqualityComparesViasAsASetThatIsNeverPrinted) {
   LdpSrTunnelTableEntry a(makeId(TunnelType::ldpTunnel, 1));
-  LdpSrTunnelTableEntry b(makeId(TunnelType::ldpTunnel, 1));
+  LdpSrTunnelTableEntry b = a;
   MplsVia const v1 = mplsVia("10.1.0.1", "Ethernet1", 16);
   MplsVia const v2 = mplsVia("10.1.0.2", "Ethernet2", 17);
   MplsVia const v3 = mplsVia("10.1.0.3", "Ethernet3", 18);
-  a.viaIs(v1, true);
-  a.viaIs(v2, true);
-  a.viaIs(v3, true);
-  b.viaIs(v3, true);
-  b.viaIs(v1, true);
-  b.viaIs(v2, true);
+  for (MplsVia const& v : {v1, v2, v3}) a.viaIs(v, true);
+  EXPECT_EQ(Vela::valueToStrep(a), Vela::valueToStrep(b));
+  EXPECT_NE(a, b);
+  for (MplsVia const& v : {v3, v1, v2}) b.viaIs(v, true);
   EXPECT_EQ(a, b);
   EXPECT_EQ(Vela::hashOf(a), Vela::hashOf(b));
 
@@ -160,12 +149,11 @@ TEST(TunnelTableEntryTest, EqualityIgnoresViaInsertionOrder) {
   c.igpPref2Is(1);  // the last field alone
   EXPECT_NE(a, c);
   LdpSrTunnelTableEntry d(makeId(TunnelType::ldpTunnel, 2));  // the key alone
-  d.viaIs(v1, true);
-  d.viaIs(v2, true);
-  d.viaIs(v3, true);
+  for (MplsVia const& v : {v1, v2, v3}) d.viaIs(v, true);
   EXPECT_NE(a, d);
 }
 
+// operator! is true exactly for the default entry of each type (not its base's).
 TEST(TunnelTableEntryTest, NotIsTrueExactlyForTheDefaultEntry) {
   LdpSrTunnelTableEntry ldp;
   EXPECT_TRUE(!ldp);
@@ -177,30 +165,24 @@ TEST(TunnelTableEntryTest, NotIsTrueExactlyForTheDefaultEntry) {
   EXPECT_FALSE(!ldp);
   EXPECT_FALSE(!LdpSrTunnelTableEntry(makeId(TunnelType::ldpTunnel, 1)));
 
-  // Each type tests against its own default, not its base's.
-  BgpLuTunnelTableEntry lu;
+  BgpLuTunnelTableEntry lu, nonContributing;
   EXPECT_TRUE(!lu);
   lu.bgpLinkBwIs(1.0f);
   EXPECT_FALSE(!lu);
-  BgpLuTunnelTableEntry nonContributing;
   nonContributing.contributionIs(ContributionToTunnelRIB::nonContributing);
   EXPECT_FALSE(!nonContributing);
 
-  EXPECT_TRUE(!TunnelTableEntry());
-  EXPECT_TRUE(!BgpLuPushTunnelTableEntry());
-  EXPECT_TRUE(!SrTeSegmentListTunnelTableEntry());
-  EXPECT_TRUE(!StaticTunnelTableEntry());
+  EXPECT_TRUE(!TunnelTableEntry() && !BgpLuPushTunnelTableEntry() && !SrTeSegmentListTunnelTableEntry() &&
+              !StaticTunnelTableEntry() && !L3IntfTunnelTableEntry() && !IpsecIntfTunnelTableEntry());
   StaticTunnelTableEntry named;
   named.nameIs("x");
   EXPECT_FALSE(!named);
-  EXPECT_TRUE(!L3IntfTunnelTableEntry());
   GreIntfTunnelTableEntry gre;
   EXPECT_TRUE(!gre);
   Tunnel::GreTunnelInfo info;
   info.ttlIs(64);
   gre.tunnelInfoIs(info);
   EXPECT_FALSE(!gre);
-  EXPECT_TRUE(!IpsecIntfTunnelTableEntry());
   EvpnVxlanTunnelEntry evpn;
   EXPECT_TRUE(!evpn);
   evpn.vlanIdIs(1);
@@ -212,21 +194,18 @@ TEST(TunnelTableEntryTest, TunnelIdViaIsLayersOverATunnelOnce) {
   BgpLuTunnelTableEntry lu(makeId(TunnelType::bgpLuTunnel, 5));
   TunnelId const ldp1 = makeId(TunnelType::ldpTunnel, 1);
   TunnelId const ldp2 = makeId(TunnelType::ldpTunnel, 2);
-
   lu.tunnelIdViaIs(ldp1);
   lu.tunnelIdViaIs(ldp1);
   ASSERT_EQ(lu.vias().size(), 1u);
   Via const& v = *lu.vias().begin();
   EXPECT_EQ(v.nexthop(), addr("0.0.0.0"));
   EXPECT_TRUE(v.nexthop().isV4());
-  EXPECT_TRUE(Nimbo::DynamicTunnelIntfId::isDynamicTunnelIntfId(v.intfId()));
-  EXPECT_EQ(Nimbo::DynamicTunnelIntfId::tunnelId(v.intfId()), ldp1.value());
+  EXPECT_EQ(v.intfId(), Nimbo::DynamicTunnelIntfId::tunnelIdToIntfId(ldp1.value()));
 
-  lu.tunnelIdViaIs(ldp2);
-  EXPECT_EQ(lu.vias().size(), 2u);
   // Vias already there stay.
   Via const direct = via("10.1.0.1", "Ethernet1");
   lu.viaIs(direct, true);
+  lu.tunnelIdViaIs(ldp2);
   lu.tunnelIdViaIs(ldp1);
   EXPECT_EQ(lu.vias().size(), 3u);
   EXPECT_TRUE(lu.via(direct));

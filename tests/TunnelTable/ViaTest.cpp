@@ -53,65 +53,48 @@ TEST(ViaTest, TextualFormsListTheFieldsInOrder) {
 
 TEST(ViaTest, EqualityAndHashCoverEveryField) {
   MplsVia const base(addr("10.0.0.1"), IntfId("Ethernet1"), MplsLabelOperation::pushOf({16}));
-  MplsVia otherNexthop = base;
+  MplsVia otherNexthop = base, otherIntf = base, otherLabels = base, same = base;
   otherNexthop.nexthopIs(addr("10.0.0.2"));
-  MplsVia otherIntf = base;
   otherIntf.intfIdIs(IntfId("Ethernet2"));
-  MplsVia otherLabels = base;
   otherLabels.labelsIs(MplsLabelOperation::pushOf({17}));
-  MplsVia same = base;
-
   EXPECT_EQ(base, same);
   EXPECT_EQ(Vela::hashOf(base), Vela::hashOf(same));
   for (MplsVia const* other : {&otherNexthop, &otherIntf, &otherLabels}) {
     EXPECT_NE(base, *other) << *other;
     EXPECT_NE(Vela::hashOf(base), Vela::hashOf(*other)) << *other;
   }
-
-  TunnelVia const t1(addr("10.0.0.1"), IntfId("Ethernet1"), EncapId(EncapType::greEncap, 1));
-  TunnelVia const t2(addr("10.0.0.1"), IntfId("Ethernet1"), EncapId(EncapType::greEncap, 2));
-  EXPECT_NE(t1, t2);
-
   // An IPv4 next hop 0.0.0.0 is not the empty address.
   EXPECT_NE(Via(addr("0.0.0.0"), IntfId("Ethernet1")), Via(IpGenAddr(), IntfId("Ethernet1")));
 }
 
-TEST(ViaTest, ViaLessNeedsBothInterfaceAndNexthopLess) {
-  Via const a(addr("10.0.0.2"), IntfId(1));
-  Via const b(addr("10.0.0.1"), IntfId(2));
-  // Neither is less: the interface says a < b, the next hop says b < a.
-  EXPECT_FALSE(a < b);
+// The orderings are deliberately not lexicographic: a Via is less only when
+// both its interface and next hop are, an MplsVia only when all three fields
+// are, and a TunnelVia goes by its encap id alone.
+TEST(ViaTest, OrderingsNeedEveryFieldLessOrGoByEncapIdAlone) {
+  Via const a(addr("10.0.0.2"), IntfId(1)), b(addr("10.0.0.1"), IntfId(2)), c(addr("10.0.0.3"), IntfId(3));
+  EXPECT_FALSE(a < b);  // the interface says a < b, the next hop says b < a
   EXPECT_FALSE(b < a);
-  EXPECT_NE(a, b);
-
-  Via const c(addr("10.0.0.3"), IntfId(3));
   EXPECT_TRUE(a < c);
   EXPECT_FALSE(c < a);
-  // Equal interfaces are not less, whatever the next hops.
   EXPECT_FALSE(Via(addr("10.0.0.1"), IntfId(1)) < Via(addr("10.0.0.9"), IntfId(1)));
-}
 
-TEST(ViaTest, MplsViaLessNeedsAllThreeFieldsLess) {
   MplsVia const low(addr("10.0.0.1"), IntfId(1), MplsLabelOperation::pushOf({16}));
   MplsVia const high(addr("10.0.0.2"), IntfId(2), MplsLabelOperation::pushOf({17}));
+  MplsVia const highButLowLabels(addr("10.0.0.2"), IntfId(2), MplsLabelOperation::pushOf({15}));
   EXPECT_TRUE(low < high);
   EXPECT_FALSE(high < low);
-
-  MplsVia const highButLowLabels(addr("10.0.0.2"), IntfId(2), MplsLabelOperation::pushOf({15}));
   EXPECT_FALSE(low < highButLowLabels);
   EXPECT_FALSE(highButLowLabels < low);
-}
 
-TEST(ViaTest, TunnelViaIsOrderedByEncapIdAlone) {
   TunnelVia const small(addr("10.0.0.9"), IntfId(9), EncapId(EncapType::greEncap, 1));
   TunnelVia const large(addr("10.0.0.1"), IntfId(1), EncapId(EncapType::greEncap, 2));
+  TunnelVia const sameEncap(addr("10.0.0.1"), IntfId(1), EncapId(EncapType::greEncap, 1));
   EXPECT_TRUE(small < large);
   EXPECT_FALSE(large < small);
-
-  TunnelVia const sameEncap(addr("10.0.0.1"), IntfId(1), EncapId(EncapType::greEncap, 1));
   EXPECT_FALSE(small < sameEncap);
   EXPECT_FALSE(sameEncap < small);
   EXPECT_NE(small, sameEncap);
+  EXPECT_NE(small, large);
 }
 
 TEST(ViaTest, BgpLuViaComparesItsViaSetAsASet) {
@@ -125,16 +108,11 @@ TEST(ViaTest, BgpLuViaComparesItsViaSetAsASet) {
   b.newVia(v1, true);
   EXPECT_EQ(a, b);
   EXPECT_EQ(Vela::hashOf(a), Vela::hashOf(b));
-  EXPECT_TRUE(a.via(v1));
-  EXPECT_EQ(a.vias().size(), 2u);
-
   b.viaDel(v1);
   EXPECT_NE(a, b);
   b.viaIs(v1, true);
   b.labelsIs(MplsLabelOperation::pushOf({1}));
   EXPECT_NE(a, b);
-  b.viaDelAll();
-  EXPECT_TRUE(b.vias().empty());
 }
 
 }  // namespace
