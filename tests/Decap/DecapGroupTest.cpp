@@ -1,5 +1,5 @@
-// Decap group values and entities: orderings, textual forms, defaults, the
-// merged configuration's reference collection and creation by type name.
+// Decap group values and entities: orderings, textual forms, the merged
+// configuration's reference collection and creation by type name.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -16,7 +16,7 @@ using Nimbo::AddressFamily;
 using Nimbo::IntfId;
 using Nimbo::IpGenAddr;
 
-TEST(DecapIntfKeyTest, OrdersByInterfaceThenFamily) {
+TEST(DecapIntfKeyTest, OrdersByInterfaceThenFamilyAndHashesBothFields) {
   DecapIntfKey const eth1v4(IntfId("Ethernet1"), AddressFamily::ipv4);
   DecapIntfKey const eth1v6(IntfId("Ethernet1"), AddressFamily::ipv6);
   DecapIntfKey const eth2v4(IntfId("Ethernet2"), AddressFamily::ipv4);
@@ -27,46 +27,24 @@ TEST(DecapIntfKeyTest, OrdersByInterfaceThenFamily) {
   EXPECT_FALSE(eth1v6 < eth1v4);
   EXPECT_LT(eth2none, eth2v4);
   // Different interfaces: the family is not consulted.
-  EXPECT_LT(eth1v6, eth2v4);
   EXPECT_LT(eth1v6, eth2none);
   EXPECT_FALSE(eth2none < eth1v6);
-
   EXPECT_GT(eth2v4, eth1v6);
   EXPECT_LE(eth1v4, eth1v4);
-  EXPECT_LE(eth1v4, eth1v6);
   EXPECT_GE(eth1v6, eth1v6);
   EXPECT_FALSE(eth1v4 >= eth1v6);
   EXPECT_NE(eth1v4, eth1v6);
-  EXPECT_EQ(eth1v4, DecapIntfKey(IntfId("Ethernet1"), AddressFamily::ipv4));
+
+  DecapIntfKey const eth1v4Again(IntfId("Ethernet1"), AddressFamily::ipv4);
+  EXPECT_EQ(eth1v4, eth1v4Again);
+  EXPECT_EQ(Vela::hashOf(eth1v4), Vela::hashOf(eth1v4Again));
+  EXPECT_NE(Vela::hashOf(eth1v4), Vela::hashOf(eth1v6));
+  EXPECT_NE(Vela::hashOf(eth1v4), Vela::hashOf(eth2v4));
 }
 
-TEST(DecapIntfKeyTest, HashAgreesWithEqualityAndUsesBothFields) {
-  for (char const* intf : {"", "Ethernet1", "Ethernet1/2", "Tunnel5"}) {
-    for (auto af : {AddressFamily::ipunknown, AddressFamily::ipv4, AddressFamily::ipv6}) {
-      EXPECT_EQ(Vela::hashOf(DecapIntfKey(IntfId(intf), af)), Vela::hashOf(DecapIntfKey(IntfId(intf), af)));
-    }
-  }
-  DecapIntfKey const base(IntfId("Ethernet1"), AddressFamily::ipv4);
-  EXPECT_NE(Vela::hashOf(base), Vela::hashOf(DecapIntfKey(IntfId("Ethernet1"), AddressFamily::ipv6)));
-  EXPECT_NE(Vela::hashOf(base), Vela::hashOf(DecapIntfKey(IntfId("Ethernet2"), AddressFamily::ipv4)));
-}
-
-TEST(DecapIntfKeyTest, TextualForms) {
-  DecapIntfKey const key(IntfId("Ethernet1"), AddressFamily::ipv6);
-  std::string const strep =
-      "Value('Tunnel::Decap::DecapIntfKey', ** {'intfId': 'Ethernet1', 'addressFamily': ipv6})";
-  EXPECT_EQ(Vela::valueToStrep(key), strep);
-  EXPECT_EQ(Vela::parseValue<DecapIntfKey>(strep), key);
-  EXPECT_EQ(key.stringValue(), " Intf: Ethernet1 address-family: ipv6");
-}
-
-TEST(DecapIntfTest, DefaultsOrderingAndTextualForms) {
+TEST(DecapIntfTest, OrderingAndTextualFormsOfKeysAndIntfs) {
   DecapIntfKey const key(IntfId("Ethernet1"), AddressFamily::ipv4);
   DecapIntf const plain(key);
-  EXPECT_EQ(plain.decapIntfKey(), key);
-  EXPECT_EQ(plain.addressType(), AddressType::primary);
-  EXPECT_FALSE(plain.oldConfig());
-
   DecapIntf const all(key, AddressType::all);
   DecapIntf const old(key, AddressType::primary, true);
   DecapIntf const later(DecapIntfKey(IntfId("Ethernet1"), AddressFamily::ipv6));
@@ -79,47 +57,33 @@ TEST(DecapIntfTest, DefaultsOrderingAndTextualForms) {
   EXPECT_GE(all, old);
   EXPECT_NE(plain, old);
 
+  std::string const keyStrep =
+      "Value('Tunnel::Decap::DecapIntfKey', ** {'intfId': 'Ethernet1', 'addressFamily': ipv6})";
+  EXPECT_EQ(Vela::valueToStrep(later.decapIntfKey()), keyStrep);
+  EXPECT_EQ(Vela::parseValue<DecapIntfKey>(keyStrep), later.decapIntfKey());
+  EXPECT_EQ(later.decapIntfKey().stringValue(), " Intf: Ethernet1 address-family: ipv6");
+
   std::string const strep =
       "Value('Tunnel::Decap::DecapIntf', ** {'decapIntfKey': Value('Tunnel::Decap::DecapIntfKey', ** "
-      "{'intfId': "
-      "'Ethernet1', 'addressFamily': ipv4}), 'addressType': all, 'oldConfig': True})";
+      "{'intfId': 'Ethernet1', 'addressFamily': ipv4}), 'addressType': all, 'oldConfig': True})";
   DecapIntf const both(key, AddressType::all, true);
   EXPECT_EQ(Vela::valueToStrep(both), strep);
   EXPECT_EQ(Vela::parseValue<DecapIntf>(strep), both);
   EXPECT_EQ(both.stringValue(), " Intf: Ethernet1 address-family: ipv4 address-type: all oldConfig: 1");
+  // The defaults: primary addresses, not old configuration.
   EXPECT_EQ(plain.stringValue(), " Intf: Ethernet1 address-family: ipv4 address-type: primary oldConfig: 0");
-}
-
-TEST(DecapEntityTest, NewEntitiesStartEmpty) {
-  auto input = configInputFactory("cli");
-  EXPECT_TRUE(input->decapGroups().empty());
-
-  auto group = input->newDecapGroup("dg1");
-  EXPECT_EQ(group->name(), "dg1");
-  EXPECT_EQ(group->tunnelType(), TunnelType::unknown);
-  EXPECT_TRUE(group->decapIps().empty());
-  EXPECT_TRUE(group->decapIntfs().empty());
-  // Absent keys read as defaults.
-  EXPECT_FALSE(group->decapIp(IpGenAddr("10.0.0.1")));
-  EXPECT_EQ(group->decapIntf(DecapIntfKey(IntfId("Ethernet1"), AddressFamily::ipv4)), DecapIntf());
-
-  auto config = configFactory();
-  EXPECT_FALSE(config->ready());
-  EXPECT_TRUE(config->decapGroups().empty());
-  EXPECT_EQ(config->decapGroup("dg1"), nullptr);
-
-  auto status = Hardware::statusFactory("hw");
-  EXPECT_FALSE(status->decapIpSrcSupported(TunnelDecapIpSrc::intf));
-  EXPECT_FALSE(status->decapTunnelTypeSupported(TunnelType::gre));
 }
 
 TEST(DecapEntityTest, GroupsAreOwnedByTheirInput) {
   auto input = configInputFactory("cli");
   auto group = input->newDecapGroup("dg1");
+  DecapIntfKey const key(IntfId("Ethernet1"), AddressFamily::ipv4);
+  // Absent keys read as defaults.
+  EXPECT_FALSE(group->decapIp(IpGenAddr("10.0.0.1")));
+  EXPECT_EQ(group->decapIntf(key), DecapIntf());
   EXPECT_EQ(input->newDecapGroup("dg1"), group);  // the existing group
   EXPECT_EQ(input->decapGroups().size(), 1u);
   group->decapIpIs(IpGenAddr("2001:db8::1"), true);
-  DecapIntfKey const key(IntfId("Ethernet1"), AddressFamily::ipv4);
   group->decapIntfIs(key, DecapIntf(key, AddressType::all));
   input->decapGroupDel("dg1");
   EXPECT_EQ(input->decapGroup("dg1"), nullptr);
@@ -154,7 +118,6 @@ TEST(DecapEntityTest, ConfigRefersToGroupsByNameAndRefusesNull) {
   EXPECT_EQ(thrownText<Vela::RangeException>([&] { config->decapGroupIs(nullptr); }),
             "null _decapGroup parameter to mutator for Tunnel::Decap::Config::decapGroup not allowed\"");
   EXPECT_EQ(config->decapGroup("dg1"), dynGroup);
-  EXPECT_EQ(changes.size(), 2u);
 
   config->decapGroupDel("dg1");
   EXPECT_TRUE(config->decapGroups().empty());
@@ -172,7 +135,6 @@ TEST(DecapEntityTest, TypesAreCreatedByTypeName) {
     ASSERT_NE(e, nullptr) << type;
     EXPECT_EQ(e->typeName(), type);
   }
-  EXPECT_NE(Vela::dynamicPtrCast<ConfigInput>(em->newEntity("Tunnel::Decap::ConfigInput", "src1")), nullptr);
   EXPECT_EQ(em->newEntity("Tunnel::Decap::ConfigInput", "src1")->name(), "src1");
   EXPECT_EQ(em->newEntity("Tunnel::Decap::Config", "merged")->name(), "");  // nameless
   EXPECT_EQ(em->newEntity("Tunnel::Decap::Hardware::Status", "hw")->name(), "hw");

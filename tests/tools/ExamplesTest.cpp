@@ -160,36 +160,29 @@ TEST(TunnelAgentBinaryTest, BadInputIsReportedAndNothingRuns) {
   EXPECT_EQ(r.status, exitBadInput);
 }
 
-TEST(TunnelAgentBinaryTest, ServeReadsRequestsFromStandardInput) {
-  Result const r = runBinary("serve --json", R"({"show": ["tunnel-rib"]})"
-                                             "\n"
-                                             "not json\n");
+// What the answers hold is ServeTest's business; here, that the program
+// reads its standard input and says by its status that a line was rejected.
+TEST(TunnelAgentBinaryTest, ServeReadsRequestsFromStandardInputAndBenchReports) {
+  Result r = runBinary("serve --json", "{\"show\": [\"tunnel-rib\"]}\nnot json\n");
   EXPECT_EQ(r.status, exitBadInput);
   std::istringstream lines(r.out);
   std::string first, second;
   std::getline(lines, first);
   std::getline(lines, second);
   EXPECT_EQ(nlohmann::json::parse(first)["views"][0]["entries"], nlohmann::json::array());
-  auto const rejected = nlohmann::json::parse(second);
-  EXPECT_EQ(rejected["line"], 2);
-  EXPECT_EQ(rejected["ok"], false);
-  EXPECT_EQ(rejected["errors"][0]["column"], 2);
-}
+  EXPECT_EQ(nlohmann::json::parse(second)["line"], 2);
 
-TEST(TunnelAgentBinaryTest, BenchReportsConvergenceOfASmallTopology) {
-  Result const r = runBinary("bench --ldp 5 --bgp-lu 40 --seed 7 --progress");
+  r = runBinary("bench --ldp 5 --bgp-lu 40 --seed 7 --progress");
   ASSERT_EQ(r.status, exitOk) << r.err;
   auto const report = nlohmann::json::parse(r.out);
-  EXPECT_EQ(report["topology"]["ldpTunnels"], 5);
-  EXPECT_EQ(report["topology"]["bgpLuTunnels"], 40);
-  EXPECT_EQ(report["converge"]["tunnelRibEntries"], 45);
-  EXPECT_EQ(report["converge"]["mplsTunnelFibEntries"], 45);
-  EXPECT_EQ(report["converge"]["unprogrammable"], 0);
-  EXPECT_TRUE(report["converge"]["endToEnd"].contains("cpuSeconds"));
-  EXPECT_TRUE(report["converge"]["endToEnd"].contains("wallSeconds"));
-  EXPECT_GT(report["reconvergeAfterOneLdpChange"]["tunnelsReviewed"].get<int>(), 0);
-  EXPECT_EQ(report["reconvergeAfterOneLdpChange"]["tunnelsReviewed"].get<int>(),
-            report["reconvergeAfterOneLdpChange"]["directlyDependentTunnels"].get<int>() + 1);
+  auto const& converge = report["converge"];
+  EXPECT_EQ(converge["tunnelRibEntries"], 45);
+  EXPECT_EQ(converge["mplsTunnelFibEntries"], 45);
+  EXPECT_EQ(converge["unprogrammable"], 0);
+  EXPECT_TRUE(converge["endToEnd"].contains("cpuSeconds") && converge["endToEnd"].contains("wallSeconds"));
+  auto const& reconverge = report["reconvergeAfterOneLdpChange"];
+  EXPECT_GT(reconverge["tunnelsReviewed"].get<int>(), 0);
+  EXPECT_EQ(reconverge["tunnelsReviewed"].get<int>(), reconverge["directlyDependentTunnels"].get<int>() + 1);
   EXPECT_GT(report["peakMemoryKiB"].get<long>(), 0);
   EXPECT_NE(r.err.find("reviewing tunnels: "), std::string::npos) << r.err;
 }

@@ -10,17 +10,15 @@ namespace {
 
 using Tunnel::Tool::hugePageTunables;
 
-TEST(HugePageHeapTest, AddsTheTunableToWhatIsThere) {
+TEST(HugePageHeapTest, AddsTheTunableUnlessTheHeapIsAlreadyDecided) {
   EXPECT_EQ(hugePageTunables(nullptr), "glibc.malloc.hugetlb=1");
   EXPECT_EQ(hugePageTunables(""), "glibc.malloc.hugetlb=1");
   EXPECT_EQ(hugePageTunables("glibc.malloc.tcache_count=0"),
             "glibc.malloc.tcache_count=0:glibc.malloc.hugetlb=1");
   // A tunable whose name only begins like ours is another one.
   EXPECT_EQ(hugePageTunables("glibc.malloc.hugetlbx=2"), "glibc.malloc.hugetlbx=2:glibc.malloc.hugetlb=1");
-}
 
-TEST(HugePageHeapTest, LeavesAHeapAlreadyDecidedAlone) {
-  // Set either way, anywhere in the list: no second run, so no loop.
+  // A heap already decided, either way, anywhere in the list: no second run, so no loop.
   EXPECT_EQ(hugePageTunables("glibc.malloc.hugetlb=0"), std::nullopt);
   EXPECT_EQ(hugePageTunables("glibc.malloc.hugetlb=1"), std::nullopt);
   EXPECT_EQ(hugePageTunables("glibc.malloc.tcache_count=0:glibc.malloc.hugetlb=2"), std::nullopt);

@@ -14,8 +14,7 @@ using namespace Tunnel::Tool;
 std::string at(SourcePosition p) { return std::to_string(p.line) + ":" + std::to_string(p.column); }
 
 TEST(JsonSourceTest, PathsReadAsOperatorsWriteThem) {
-  EXPECT_EQ(childPath("", "tables"), "tables");
-  EXPECT_EQ(indexPath(childPath(childPath("tables", "ldp"), "entries"), 3), "tables.ldp.entries[3]");
+  EXPECT_EQ(indexPath(childPath(childPath("", "tables"), "entries"), 3), "tables.entries[3]");
   EXPECT_EQ(childPath("decap", "my source"), "decap[\"my source\"]");
   EXPECT_EQ(childPath("", "2x"), "[\"2x\"]");
 }

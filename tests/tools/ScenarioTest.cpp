@@ -101,30 +101,6 @@ TEST(ScenarioTest, BuildsTheLibrarysEntriesForEveryTable) {
   EXPECT_EQ(via.labels(), Nimbo::MplsLabelOperation::pushOf({16005}));
 }
 
-TEST(ScenarioTest, ReadsStaticConfigurationDecapSourcesAndViews) {
-  Scenario const s = read(R"({
-    "staticConfig": [{"name": "toCE6", "tep": "10.0.0.6/32", "nexthop": "10.1.3.6", "interface": "Ethernet3",
-                      "labels": [600, 601]}],
-    "decap": {
-      "cli": [{"name": "g1", "type": "gre", "addresses": ["10.255.0.1"],
-               "interfaces": [{"interface": "Loopback0", "addressFamily": "ipv6", "addressType": "all"}]}],
-      "dynamic": [{"source": "evpn", "groups": [{"name": "g2", "type": "ipip"}]}]},
-    "show": ["proto-rib:ldp", "dependents:bgpLu/2"]})");
-  ASSERT_EQ(s.staticConfig.size(), 1u);
-  EXPECT_EQ(s.staticConfig[0].labels(), Nimbo::MplsLabelOperation::pushOf({600, 601}));
-  EXPECT_EQ(s.staticConfig[0].intfId(), Nimbo::IntfId("Ethernet3"));
-  ASSERT_EQ(s.cliDecap.size(), 1u);
-  EXPECT_EQ(s.cliDecap[0].type, Tunnel::Decap::TunnelType::gre);
-  ASSERT_EQ(s.cliDecap[0].interfaces.size(), 1u);
-  EXPECT_EQ(s.cliDecap[0].interfaces[0].decapIntfKey().addressFamily(), Nimbo::AddressFamily::ipv6);
-  EXPECT_EQ(s.cliDecap[0].interfaces[0].addressType(), Tunnel::Decap::AddressType::all);
-  ASSERT_EQ(s.dynamicDecap.size(), 1u);
-  EXPECT_EQ(s.dynamicDecap[0].name, "evpn");
-  ASSERT_EQ(s.show.size(), 2u);
-  EXPECT_EQ(s.show[0].protocol, TableKind::ldp);
-  EXPECT_EQ(s.show[1].tunnel, makeId(TunnelType::bgpLuTunnel, 2));
-}
-
 struct BadEntry {
   std::string table;
   std::string entry;
@@ -150,100 +126,67 @@ TEST_P(BadEntryTest, IsReportedAtItsPathWithItsReason) {
   EXPECT_TRUE(found) << "expected " << bad.path << ": ..." << bad.message << "...\ngot:\n" << all;
 }
 
-std::string const ldpVia = R"("vias": [{"nexthop": "10.1.1.2", "interface": "Ethernet1", "labels": [16]}])";
+// A bad entry of table `table`; `at` continues the path after "tables.<table>.entries".
+BadEntry in(std::string const& table, std::string entry, std::string const& at, std::string message) {
+  return {table, std::move(entry), "tables." + table + ".entries" + at, std::move(message)};
+}
+BadEntry ldp(std::string entry, std::string const& at, std::string message) {
+  return in("ldp", std::move(entry), at, std::move(message));
+}
+// Entry 1 to 10.0.0.1/32 with further `fields`, and with the one via `via`.
+std::string one(std::string const& fields) { return R"({"index": 1, "tep": "10.0.0.1/32", )" + fields + "}"; }
+std::string oneVia(std::string const& via) { return one(R"("vias": [{)" + via + "}]"); }
 
 INSTANTIATE_TEST_SUITE_P(
     Entries, BadEntryTest,
     ::testing::Values(
-        BadEntry{"ldp", R"({"index": "one", "tep": "10.0.0.1/32"})", "tables.ldp.entries[0].index",
-                 "expected an unsigned integer, got a string"},
-        BadEntry{"ldp", R"({"index": -1, "tep": "10.0.0.1/32"})", "tables.ldp.entries[0].index",
-                 "expected an unsigned integer, got -1"},
-        BadEntry{"ldp", R"({"index": 2.0, "tep": "10.0.0.1/32"})", "tables.ldp.entries[0].index",
-                 "expected an unsigned integer, got 2.0"},
-        BadEntry{"ldp", R"({"index": 18446744073709551616, "tep": "10.0.0.1/32"})",
-                 "tables.ldp.entries[0].index", "out of range (0 to 18446744073709551615)"},
-        BadEntry{"ldp", R"({"index": 1, "tep": "10.0.0.1/32", "igpMetric": 4294967296})",
-                 "tables.ldp.entries[0].igpMetric", "4294967296 out of range (0 to 4294967295)"},
-        BadEntry{"ldp", R"({"index": 1, "tep": "10.0.0.1/32", "colour": "red"})",
-                 "tables.ldp.entries[0].colour",
-                 "unknown field 'colour' in an entry of table ldp; fields: index, ipv6"},
-        BadEntry{"ldp", R"({"index": 1, "tep": "10.0.0.256/32"})", "tables.ldp.entries[0].tep",
-                 "invalid IP prefix '10.0.0.256/32'"},
-        BadEntry{"ldp", R"({"index": 1, "tep": "10.0.0.1/33"})", "tables.ldp.entries[0].tep",
-                 "prefix length 33 out of range"},
-        BadEntry{"ldp", R"({"index": 1})", "tables.ldp.entries[0]", "needs its \"tep\""},
-        BadEntry{"ldp", R"({"tep": "10.0.0.1/32"})", "tables.ldp.entries[0]", "an entry needs its tunnel"},
-        BadEntry{
-            "ldp",
-            R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"nexthop": "10.1.1", "interface": "Ethernet1"}]})",
-            "tables.ldp.entries[0].vias[0].nexthop", "invalid IP address '10.1.1'"},
-        BadEntry{
-            "ldp",
-            R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"nexthop": "10.1.1.2", "interface": "Eth1"}]})",
-            "tables.ldp.entries[0].vias[0].interface", "invalid interface name 'Eth1'"},
-        BadEntry{"ldp", R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"interface": "Ethernet1"}]})",
-                 "tables.ldp.entries[0].vias[0]", "needs a \"nexthop\""},
-        BadEntry{
-            "ldp",
-            R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"nexthop": "10.1.1.2", "interface": "Ethernet1", "tunnel": "ldp/2"}]})",
-            "tables.ldp.entries[0].vias[0]", "not both"},
-        BadEntry{"ldp", R"({"index": 17592186044416, "tep": "10.0.0.1/32"})", "tables.ldp.entries[0].index",
-                 "Invalid 'indexAndAf'value, value is above 2^44"},
-        BadEntry{"ldp", R"({"index": 8796093022208, "tep": "10.0.0.1/32"})", "tables.ldp.entries[0].index",
-                 "out of range (0 to 8796093022207"},
-        BadEntry{"ldp", R"({"tunnelId": 281474976710656, "tep": "10.0.0.1/32"})",
-                 "tables.ldp.entries[0].tunnelId",
-                 "TunnelId::value < TunnelId::minValue or > TunnelId::maxValue not allowed"},
-        BadEntry{"ldp", R"({"tunnelId": 123145302310913, "tep": "10.0.0.1/32"})",
-                 "tables.ldp.entries[0].tunnelId",
-                 "is of kind srTunnel (IS-IS SR IPv4 Tunnel index 1); table ldp holds ldpTunnel tunnels"},
-        BadEntry{"ldp", R"({"tunnelId": 61572651155457, "tep": "10.0.0.1/32"})",
-                 "tables.ldp.entries[0].tunnelId", "IPv6 not yet supported for 3"},
-        BadEntry{"ldp", R"({"index": 1, "ipv6": true, "tep": "10.0.0.1/32"})", "tables.ldp.entries[0].ipv6",
-                 "table ldp has no IPv6 tunnels"},
-        BadEntry{
-            "ldp",
-            R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"nexthop": "10.1.1.2", "interface": "Ethernet1", "labels": [1048576]}]})",
-            "tables.ldp.entries[0].vias[0].labels[0]",
-            "MplsLabel::value < MplsLabel::min or > MplsLabel::max not allowed"},
-        BadEntry{
-            "ldp",
-            R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"nexthop": "10.1.1.2", "interface": "Ethernet1", "labels": [1, 2, 3, 4, 5, 6, 7]}]})",
-            "tables.ldp.entries[0].vias[0].labels",
-            "7 labels; a label stack holds at most 6: MplsStackEntryIndex::value < MplsStackEntryIndex::min "
-            "or > "
-            "MplsStackEntryIndex::max not allowed"},
-        BadEntry{
-            "ldp",
-            R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"nexthop": "10.1.1.2", "interface": "Ethernet1", "labels": "push 1 2 3 4 5 6 7"}]})",
-            "tables.ldp.entries[0].vias[0].labels", "invalid MPLS label operation"},
-        BadEntry{"ldp", R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"tunnel": "nexthop/4"}]})",
-                 "tables.ldp.entries[0].vias[0].tunnel", "unknown table 'nexthop'"},
-        BadEntry{"ldp", R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"tunnel": "ldp/x"}]})",
-                 "tables.ldp.entries[0].vias[0].tunnel", "the index must be a decimal number"},
-        BadEntry{"ldp", R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"tunnel": "ldp/2/ipv6"}]})",
-                 "tables.ldp.entries[0].vias[0].tunnel", "table ldp has no IPv6 tunnels"},
-        BadEntry{
-            "ldp",
-            R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"nexthop": "0.0.0.0", "interface": "DynamicTunnel12582912.1"}]})",
-            "tables.ldp.entries[0].vias[0].interface", "(evpnVxlanTunnel), which no MPLS table holds"},
-        BadEntry{"ldp",
-                 "{\"index\": 1, \"tep\": \"10.0.0.1/32\", " + ldpVia +
-                     "}, {\"index\": 1, \"tep\": \"10.0.0.2/32\"}",
-                 "tables.ldp.entries[1]", "tunnel ldp/1 is already defined at tables.ldp.entries[0]"},
-        BadEntry{"ldp",
-                 R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"tunnel": "ldp/2"}, {"tunnel": "ldp/2"}]})",
-                 "tables.ldp.entries[0].vias[1]", "the same via as vias[0]"},
-        BadEntry{"bgpLu",
-                 R"({"index": 1, "tep": "10.0.0.1/32", "vias": [{"tunnel": "ldp/1", "labels": [5]}]})",
-                 "tables.bgpLu.entries[0].vias[0].labels", "belong to its entry, not to its vias"},
-        BadEntry{"bgpLu", R"({"index": 1, "tep": "10.0.0.1/32", "contribution": "maybe"})",
-                 "tables.bgpLu.entries[0].contribution",
-                 "unknown contribution 'maybe'; one of: contributing, nonContributing"},
-        BadEntry{"bgpLu", R"({"index": 1, "tep": "10.0.0.1/32", "igpMetric": 5})",
-                 "tables.bgpLu.entries[0].igpMetric",
-                 "unknown field 'igpMetric' in an entry of table bgpLu"}));
+        ldp(R"({"index": "one", "tep": "10.0.0.1/32"})", "[0].index",
+            "expected an unsigned integer, got a string"),
+        ldp(R"({"index": 2.0, "tep": "10.0.0.1/32"})", "[0].index", "expected an unsigned integer, got 2.0"),
+        ldp(R"({"index": 18446744073709551616, "tep": "10.0.0.1/32"})", "[0].index",
+            "out of range (0 to 18446744073709551615)"),
+        ldp(one(R"("igpMetric": 4294967296)"), "[0].igpMetric", "4294967296 out of range (0 to 4294967295)"),
+        ldp(R"({"index": 1, "tep": "10.0.0.1/33"})", "[0].tep", "prefix length 33 out of range"),
+        ldp(R"({"index": 1})", "[0]", "needs its \"tep\""),
+        ldp(R"({"tep": "10.0.0.1/32"})", "[0]", "an entry needs its tunnel"),
+        ldp(oneVia(R"("nexthop": "10.1.1", "interface": "Ethernet1")"), "[0].vias[0].nexthop",
+            "invalid IP address '10.1.1'"),
+        ldp(oneVia(R"("nexthop": "10.1.1.2", "interface": "Eth1")"), "[0].vias[0].interface",
+            "invalid interface name 'Eth1'"),
+        ldp(oneVia(R"("interface": "Ethernet1")"), "[0].vias[0]", "needs a \"nexthop\""),
+        ldp(oneVia(R"("nexthop": "10.1.1.2", "interface": "Ethernet1", "tunnel": "ldp/2")"), "[0].vias[0]",
+            "not both"),
+        ldp(R"({"index": 17592186044416, "tep": "10.0.0.1/32"})", "[0].index",
+            "Invalid 'indexAndAf'value, value is above 2^44"),
+        ldp(R"({"index": 8796093022208, "tep": "10.0.0.1/32"})", "[0].index",
+            "out of range (0 to 8796093022207"),
+        ldp(R"({"tunnelId": 281474976710656, "tep": "10.0.0.1/32"})", "[0].tunnelId",
+            "TunnelId::value < TunnelId::minValue or > TunnelId::maxValue not allowed"),
+        ldp(R"({"tunnelId": 123145302310913, "tep": "10.0.0.1/32"})", "[0].tunnelId",
+            "is of kind srTunnel (IS-IS SR IPv4 Tunnel index 1); table ldp holds ldpTunnel tunnels"),
+        ldp(R"({"tunnelId": 61572651155457, "tep": "10.0.0.1/32"})", "[0].tunnelId",
+            "IPv6 not yet supported for 3"),
+        ldp(one(R"("ipv6": true)"), "[0].ipv6", "table ldp has no IPv6 tunnels"),
+        ldp(oneVia(R"("nexthop": "10.1.1.2", "interface": "Ethernet1", "labels": [1048576])"),
+            "[0].vias[0].labels[0]", "MplsLabel::value < MplsLabel::min or > MplsLabel::max not allowed"),
+        ldp(oneVia(R"("nexthop": "10.1.1.2", "interface": "Ethernet1", "labels": "push 1 2 3 4 5 6 7")"),
+            "[0].vias[0].labels", "invalid MPLS label operation"),
+        ldp(oneVia(R"("tunnel": "nexthop/4")"), "[0].vias[0].tunnel", "unknown table 'nexthop'"),
+        ldp(oneVia(R"("tunnel": "ldp/x")"), "[0].vias[0].tunnel", "the index must be a decimal number"),
+        ldp(oneVia(R"("tunnel": "ldp/2/ipv6")"), "[0].vias[0].tunnel", "table ldp has no IPv6 tunnels"),
+        ldp(oneVia(R"("nexthop": "0.0.0.0", "interface": "DynamicTunnel12582912.1")"),
+            "[0].vias[0].interface", "(evpnVxlanTunnel), which no MPLS table holds"),
+        ldp(oneVia(R"("nexthop": "10.1.1.2", "interface": "Ethernet1")") +
+                R"(, {"index": 1, "tep": "10.0.0.2/32"})",
+            "[1]", "tunnel ldp/1 is already defined at tables.ldp.entries[0]"),
+        ldp(one(R"("vias": [{"tunnel": "ldp/2"}, {"tunnel": "ldp/2"}])"), "[0].vias[1]",
+            "the same via as vias[0]"),
+        in("bgpLu", oneVia(R"("tunnel": "ldp/1", "labels": [5])"), "[0].vias[0].labels",
+           "belong to its entry, not to its vias"),
+        in("bgpLu", one(R"("contribution": "maybe")"), "[0].contribution",
+           "unknown contribution 'maybe'; one of: contributing, nonContributing"),
+        in("bgpLu", one(R"("igpMetric": 5)"), "[0].igpMetric",
+           "unknown field 'igpMetric' in an entry of table bgpLu")));
 
 TEST(ScenarioTest, ReportsProblemsOfTablesSectionsAndTheirKinds) {
   auto has = [](Diagnostics const& d, std::string const& path, std::string const& fragment) {
